@@ -1,0 +1,138 @@
+#include "companion/Utility.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+
+int SplitFields(std::string& line, std::vector<std::string>& fields, const std::string& separators)
+{
+    fields.clear();
+    size_t pos = 0;
+    while (pos < line.size()) {
+        size_t start = line.find_first_not_of(separators, pos);
+        if (start == std::string::npos)
+            break;
+        size_t end = line.find_first_of(separators, start);
+        if (end == std::string::npos)
+            end = line.size();
+        fields.push_back(line.substr(start, end - start));
+        pos = end;
+    }
+    return static_cast<int>(fields.size());
+}
+
+std::string MidString(std::string s, int start, int count)
+{
+    if (start < 0 || count <= 0 || static_cast<size_t>(start) >= s.size())
+        return std::string();
+    return s.substr(static_cast<size_t>(start), static_cast<size_t>(count));
+}
+
+std::string LeftString(std::string s, int count) { return MidString(std::move(s), 0, count); }
+
+std::string RightString(std::string s, int count)
+{
+    if (count <= 0)
+        return std::string();
+    size_t n = std::min(s.size(), static_cast<size_t>(count));
+    return s.substr(s.size() - n);
+}
+
+int ToUpper(std::string& s)
+{
+    for (char& c : s)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return static_cast<int>(s.size());
+}
+
+bool IsEqual(const std::string& a, const std::string& b, bool caseSensitive)
+{
+    if (caseSensitive)
+        return a == b;
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+           });
+}
+
+int GetLineFromFile(FILE* fp, char* buffer, int size)
+{
+    if (!fp || !buffer || size <= 0)
+        return -1;
+    int len = 0;
+    int c = 0;
+    bool any = false;
+    while ((c = std::fgetc(fp)) != EOF) {
+        any = true;
+        if (c == '\n')
+            break;
+        if (len < size - 1)
+            buffer[len++] = static_cast<char>(c);
+    }
+    if (len > 0 && buffer[len - 1] == '\r')
+        --len;
+    buffer[len] = '\0';
+    return any ? len : -1;
+}
+
+namespace {
+size_t LastSeparator(const std::string& path)
+{
+    return path.find_last_of("/\\");
+}
+}  // namespace
+
+std::string GetFileNameDirectory(const std::string& path)
+{
+    size_t sep = LastSeparator(path);
+    return sep == std::string::npos ? std::string() : path.substr(0, sep + 1);
+}
+
+std::string GetFileNameExtension(const std::string& path)
+{
+    size_t sep = LastSeparator(path);
+    size_t dot = path.find_last_of('.');
+    if (dot == std::string::npos || (sep != std::string::npos && dot < sep))
+        return std::string();
+    return path.substr(dot + 1);
+}
+
+std::string GetFileNameNoExtension(const std::string& path)
+{
+    size_t sep = LastSeparator(path);
+    size_t dot = path.find_last_of('.');
+    if (dot == std::string::npos || (sep != std::string::npos && dot < sep))
+        return path;
+    return path.substr(0, dot);
+}
+
+namespace {
+template <typename T>
+void Reverse(const T* in, T* out)
+{
+    unsigned char bytes[sizeof(T)];
+    std::memcpy(bytes, in, sizeof(T));
+    std::reverse(bytes, bytes + sizeof(T));
+    std::memcpy(out, bytes, sizeof(T));
+}
+}  // namespace
+
+void swaf(float* in, float* out) { Reverse(in, out); }
+void swad(double* in, double* out) { Reverse(in, out); }
+void swal(long* in, long* out) { Reverse(in, out); }
+
+bool HostIsLittleEndian()
+{
+    const uint16_t probe = 1;
+    unsigned char first = 0;
+    std::memcpy(&first, &probe, 1);
+    return first == 1;
+}
+
+void swad_ieeebi64(double* in, double* out)
+{
+    if (HostIsLittleEndian())
+        Reverse(in, out);
+    else
+        std::memcpy(out, in, sizeof(double));
+}

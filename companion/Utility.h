@@ -1,0 +1,35 @@
+// String, file-name, text-line and byte-order helpers.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+// Splits a line at any of the separator characters; empty fields between adjacent separators
+// are dropped. Returns the number of fields.
+int SplitFields(std::string& line, std::vector<std::string>& fields, const std::string& separators);
+// Substrings that clamp their ranges instead of throwing.
+std::string MidString(std::string s, int start, int count);
+std::string LeftString(std::string s, int count);
+std::string RightString(std::string s, int count);
+// Upper-cases ASCII letters in place; returns the length.
+int ToUpper(std::string& s);
+// caseSensitive false compares ASCII letters without regard to case.
+bool IsEqual(const std::string& a, const std::string& b, bool caseSensitive);
+// Reads one line (without its line end, CR LF or LF) into buffer (size bytes, always
+// terminated; a longer line is cut and its rest skipped). Returns the length, -1 at end of file.
+int GetLineFromFile(FILE* fp, char* buffer, int size);
+// Path pieces: directory with its trailing separator ("" when none), extension without the dot
+// ("" when none), and the path without its extension.
+std::string GetFileNameDirectory(const std::string& path);
+std::string GetFileNameExtension(const std::string& path);
+std::string GetFileNameNoExtension(const std::string& path);
+
+// Byte reversal: *out receives the byte-reversed value of *in.
+void swaf(float* in, float* out);
+void swad(double* in, double* out);
+void swal(long* in, long* out);
+// An IEEE big-endian 64-bit double to the host's double, whatever the host's byte order.
+void swad_ieeebi64(double* in, double* out);
+
+bool HostIsLittleEndian();

@@ -1,0 +1,171 @@
+// ecFilebase: the abstract reader. Holds what every format shares (file names and handles,
+// identifiers, manufacturer code, run type, time base, reference, domain, calibration record)
+// and the per-channel tables, with validated access.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "companion/Events.h"
+#include "companion/Matrix.h"
+#include "companion/ProgressDlg.h"
+#include "filelib/Calibration.h"
+#include "filelib/ecBase.h"
+
+// A stdio handle shared by an object and its copies. Copies of a reader share their source's
+// open handles; the handle is closed once, when the last object holding it lets go. This keeps
+// the legacy FILE* accessors working while no copy can close a handle its source still uses.
+class ecSharedFile {
+public:
+    ecSharedFile() = default;
+    ecSharedFile(const ecSharedFile& other);
+    ecSharedFile& operator=(const ecSharedFile& other);
+    ~ecSharedFile() { Release(true); }
+
+    FILE* get() const { return m_block ? m_block->fp : nullptr; }
+    // Takes ownership of fp. The previously held handle is let go without being closed (the
+    // legacy SetInputFilePointer contract: whoever swaps handles keeps the old one).
+    void Adopt(FILE* fp);
+    // Lets go of the handle, closing it when no other object holds it.
+    void Close() { Release(true); }
+
+private:
+    struct Block {
+        FILE* fp;
+        long refs;
+    };
+    void Release(bool closeIfLast);
+    Block* m_block = nullptr;
+};
+
+class ecFilebase : public ecBase {
+public:
+    ecFilebase() = default;
+    ecFilebase(const ecFilebase& other);
+    ecFilebase& operator=(const ecFilebase& other);
+    ~ecFilebase() override;
+
+    virtual ecFilebase* GetpNewFilebase(const char* name);
+    virtual void SetInputFileName(std::string name) { m_sInputFileName = std::move(name); }
+    virtual std::string GetInputFileName() { return m_sInputFileName; }
+    virtual void SetOutputFileName(std::string name) { m_sOutputFileName = std::move(name); }
+    virtual std::string GetOutputFileName() { return m_sOutputFileName; }
+    virtual FILE* GetInputFilePointer() { return m_inputFile.get(); }
+    virtual void SetInputFilePointer(FILE* fp) { m_inputFile.Adopt(fp); }
+    virtual std::string GetSID() { return m_sSID; }
+    virtual std::string GetCID() { return m_sCID; }
+    virtual void SetSID(std::string sid) { m_sSID = std::move(sid); }
+    virtual void SetCID(std::string cid) { m_sCID = std::move(cid); }
+    virtual int GetFileMFR() { return static_cast<int>(m_uiFileMFR); }
+    virtual void SetFileMFR(unsigned int code) { m_uiFileMFR = code; }
+    virtual int GetFileMFR0() { return m_iFileMFR0; }
+    virtual void SetRunType(unsigned int runType) { m_uiRunType = runType; }
+    virtual unsigned int GetRunType() { return m_uiRunType; }
+    virtual void GetChanName(int chan, std::string& out);
+    virtual void SetChanName(int chan, std::string& name);
+    virtual int GetChanType(int chan);
+    virtual void SetChanType(int chan, int type);
+    virtual float GetChanScale(int chan);
+    virtual void SetChanScale(int chan, float scale);
+    virtual float GetChanOffset(int chan);
+    virtual void SetChanOffset(int chan, float offset);
+    virtual void GetChanUnit(int chan, std::string& out);
+    virtual void SetChanUnit(int chan, std::string& unit);
+    virtual bool UseChanUnit(int chan);
+    virtual void SetUseChanUnit(int chan, bool use);
+    virtual bool UseChanUnitPrefix(int chan);
+    virtual void SetUseChanUnitPrefix(int chan, bool use);
+    virtual float GetSampleRate();
+    virtual void SetSampleRate(float value, unsigned int isPeriod);
+    virtual int GetNumChans() { return m_iNumChans; }
+    virtual void SetNumChans(int n);
+    virtual void SetPreStim(float preStim) { m_fPreStim = preStim; }
+    virtual float GetPreStim() { return m_fPreStim; }
+    virtual void SetNumSlices(int n) { m_iNumSlices = n > 0 ? n : 0; }
+    virtual int GetNumSlices() { return m_iNumSlices; }
+    virtual void SetEpochSlices(int n) { m_iEpochSlices = n > 0 ? n : 0; }
+    virtual int GetEpochSlices() { return m_iEpochSlices; }
+    // A file has at least one epoch, so non-positive counts give 1.
+    virtual void SetNumEpochs(int n) { m_iNumEpochs = n > 0 ? n : 1; }
+    virtual int GetNumEpochs() { return m_iNumEpochs; }
+    virtual int GetValidEpochCnt() { return m_iValidEpochCnt; }
+    virtual void SetValidEpochCnt(int n) { m_iValidEpochCnt = n > 0 ? n : 0; }
+    virtual void SetReferenceType(unsigned int type) { m_uiReferenceType = type; }
+    virtual unsigned int GetReferenceType() { return m_uiReferenceType; }
+    virtual void SetReferenceChannel(int chan) { m_iReferenceChannel = chan; }
+    virtual int GetReferenceChannel() { return m_iReferenceChannel; }
+    virtual void SetDomain(int domain) { m_iDomain = domain; }
+    virtual int GetDomain() { return m_iDomain; }
+    virtual void SetOffsetToData(unsigned int offset) { m_uiOffsetToData = offset; }
+    virtual unsigned int GetOffsetToData() { return m_uiOffsetToData; }
+    virtual void SetEpochReviewMode(bool on) { m_bEpochReviewMode = on; }
+    virtual bool IsEpochReviewMode() { return m_bEpochReviewMode; }
+    virtual void Initialize(int arg) = 0;
+    // Fills data (rows = channels, columns = slices) and returns the number of slices read;
+    // below 1 when nothing could be read.
+    virtual int ReadData(ecLabeledMatrix<float>& data, int first, int count) = 0;
+    // Appends the recording's events; returns the number appended.
+    virtual int InitialEventList(ecEventList* events, ecProgressDlg* progress) = 0;
+
+    // Derives the calibration factors (see Calibration.h).
+    void Calibrate();
+    ecCalibration& GetCalibration() { return m_calibration; }
+
+protected:
+    // Lets go of the input handle (closing it unless a copy still holds it).
+    void CloseInputFile() { m_inputFile.Close(); }
+    // Row labels of a delivered block: channel name and unit of every channel.
+    void LabelRows(ecLabeledMatrix<float>& data);
+
+    int m_iFileMFR0 = 0;
+    // Channel tables, one entry per channel after SetNumChans. A reader that fills them itself
+    // may leave them shorter than the channel count; the getters report that case.
+    std::vector<std::string> m_vsChanNames;
+    std::vector<int> m_viChanTypes;
+    std::vector<float> m_vfChanScales;
+    std::vector<float> m_vfChanOffsets;
+    std::vector<std::string> m_vsChanUnits;
+    std::vector<unsigned char> m_vbUseChanUnit;
+    std::vector<unsigned char> m_vbUseChanUnitPrefix;
+
+private:
+    void CopyFields(const ecFilebase& other);
+    bool ChannelIndexValid(int chan, size_t tableSize) const;
+    template <typename T>
+    const T& CheckedEntry(const std::vector<T>& table, int chan, const char* prefix, const char* missingTail) const;
+
+    ecSharedFile m_inputFile;
+    ecSharedFile m_outputFile;
+    std::string m_sInputFileName;
+    std::string m_sOutputFileName;
+    std::string m_sSID;
+    std::string m_sCID;
+    int m_iNumChans = 0;
+    int m_iNumSlices = 0;
+    float m_fSamplePeriod = 0;
+    float m_fPreStim = 0;
+    int m_iEpochSlices = 0;
+    int m_iNumEpochs = 0;
+    int m_iValidEpochCnt = 0;
+    unsigned int m_uiRunType = 0;
+    unsigned int m_uiFileMFR = 0;
+    unsigned int m_uiReferenceType = 0;
+    int m_iReferenceChannel = -1;
+    int m_iDomain = 1;
+    unsigned int m_uiOffsetToData = 0;
+    bool m_bEpochReviewMode = false;
+    ecCalibration m_calibration;
+};
+
+// Channel type bits.
+enum : int {
+    kChanMEG = 0x200,
+    kChanEEG = 0x400,
+    kChanOff = 0x800,
+    kChanReference = 0x1000,
+    kChanTrigger = 0x8000,
+};
+
+// Run types.
+enum : unsigned int { kRunSingleEpoch = 1, kRunMultiEpoch = 2, kRunContinuous = 4 };

@@ -1,0 +1,303 @@
+#include <gtest/gtest.h>
+
+#include "companion/ByteCursor.h"
+#include "companion/Events.h"
+#include "companion/Matrix.h"
+#include "companion/Utility.h"
+#include "companion/Xml.h"
+#include "fixtures/Bytes.h"
+
+namespace {
+ecLabeledMatrix<float> ThreeRows()
+{
+    ecLabeledMatrix<float> m;
+    m.resize(3, 2, 0, 0);
+    const char* names[] = {"A", "B", "C"};
+    for (int r = 0; r < 3; ++r) {
+        m[r][0] = static_cast<float>(r);
+        m[r][1] = static_cast<float>(10 * r);
+        m.SetRowLabeledState(r, ecLabeledState(names[r], "V"));
+    }
+    return m;
+}
+}  // namespace
+
+TEST(Matrix, ContiguousRowsResizeAndLabels)
+{
+    ecLabeledMatrix<float> m = ThreeRows();
+    EXPECT_EQ(m.nrow(), 3);
+    EXPECT_EQ(m.ncol(), 2);
+    EXPECT_EQ(m[1] + 2, m[2]);  // one row-major block
+    m.resize(3, 2, 0, 0);       // same shape keeps the contents
+    EXPECT_EQ(m[2][1], 20.0f);
+    m.SetColLabeledState(1, ecLabeledState("t1", "s"));
+    EXPECT_EQ(m.GetColLabeledState(1).GetLabel(), "t1");
+    EXPECT_EQ(m.GetColLabeledState(0).GetLabel(), "");
+    EXPECT_EQ(m.GetRowLabeledState(7).GetLabel(), "");  // out of range: an empty label, no crash
+    m.resize(2, 4, 0, 0);
+    EXPECT_EQ(m[1][3], 0.0f);
+    EXPECT_EQ(m.GetRowLabeledState(1).GetLabel(), "B");
+    m.resize(-1, 5, 0, 0);
+    EXPECT_EQ(m.nrow(), 0);
+
+    ecMatrix<float> plain(2, 3, 0, 0, false);
+    plain[1][2] = 4;
+    plain.zero();
+    EXPECT_EQ(plain[1][2], 0.0f);
+}
+
+TEST(Matrix, DeleteAndSortReallyMoveRows)
+{
+    ecLabeledMatrix<float> m = ThreeRows();
+    EXPECT_FALSE(m.DeleteLabeledRow("Z"));
+    EXPECT_TRUE(m.DeleteLabeledRow("B"));
+    ASSERT_EQ(m.nrow(), 2);
+    EXPECT_EQ(m.GetRowLabeledState(1).GetLabel(), "C");
+    EXPECT_EQ(m[1][1], 20.0f);
+
+    ecLabeledMatrix<float> s = ThreeRows();
+    EXPECT_EQ(s.SortOnRows({ecLabeledState("C", ""), ecLabeledState("Q", ""), ecLabeledState("A", "")}), 2);
+    EXPECT_EQ(s.GetRowLabeledState(0).GetLabel(), "C");
+    EXPECT_EQ(s.GetRowLabeledState(1).GetLabel(), "A");
+    EXPECT_EQ(s.GetRowLabeledState(2).GetLabel(), "B");
+    EXPECT_EQ(s[0][1], 20.0f);
+    EXPECT_EQ(s[2][1], 10.0f);
+}
+
+TEST(Matrix, VectorsAndArrays)
+{
+    float init[] = {1, 2, 3};
+    ecVector<float> v(3, 0, init);
+    init[0] = 9;
+    EXPECT_EQ(v.dim(), 3);
+    EXPECT_EQ(v[0], 1.0f);
+    ecVector<float> z(2, 0, nullptr);
+    EXPECT_EQ(z[1], 0.0f);
+    ecVBase<float> copy(v);
+    copy.resize(5, 0);
+    EXPECT_EQ(copy.dim(), 5);
+    EXPECT_EQ(copy[2], 3.0f);
+
+    int** grid = nullptr;
+    ASSERT_TRUE(ecArray::Alloc(grid, 3, 4));
+    grid[2][3] = 7;
+    EXPECT_EQ(grid[0][0], 0);
+    ecArray::Free(grid);
+    EXPECT_EQ(grid, nullptr);
+    short* line = nullptr;
+    EXPECT_FALSE(ecArray::Alloc(line, 0));
+    ASSERT_TRUE(ecArray::Alloc(line, 8));
+    ecArray::Free(line);
+    EXPECT_EQ(line, nullptr);
+}
+
+TEST(Events, StableSortBinaryCodesAndBoundaries)
+{
+    ecEventList list;
+    auto add = [&](const char* name, int code, long begin, long end) {
+        ecEvent e;
+        e.SetEventName(name);
+        e.SetEventCode(code);
+        e.SetBegin(begin);
+        e.SetEnd(end);
+        list.AppendOneEvent(e);
+    };
+    add("late", 5, 30, 31);
+    add("first-at-10", 1, 10, 50);
+    add("second-at-10", 2, 10, 12);
+    ecEvent boundary;
+    boundary.SetBegin(20);
+    boundary.SetSegmentBoundaryDefaults();
+    list.AppendOneEvent(boundary);
+    EXPECT_EQ(list.GetEventCnt(true), 4);
+    EXPECT_EQ(list.GetEventCnt(false), 3);
+    list.SortEventListInTimelyOrder("");
+    EXPECT_EQ(list.GetEvent(0).GetEventName(), "first-at-10");
+    EXPECT_EQ(list.GetEvent(1).GetEventName(), "second-at-10");
+    EXPECT_EQ(list.GetEvent(2).GetEventName(), "New Segment");
+    EXPECT_TRUE(list.GetEvent(2).IsSegmentBoundary());
+    EXPECT_EQ(list.GetEvent(2).GetEnd(), 20);
+    list.SortEventListInTimelyOrder("End");
+    EXPECT_EQ(list.GetEvent(0).GetEventName(), "second-at-10");
+    EXPECT_EQ(list.GetEvent(3).GetEventName(), "first-at-10");
+
+    list.ConvertCodesToBinary(4);
+    EXPECT_EQ(list.GetEvent(0).GetEventName(), "0010");
+    EXPECT_EQ(list.GetEvent(2).GetEventName(), "0101");
+    list.Clear();
+    EXPECT_EQ(list.GetEventCnt(true), 0);
+}
+
+TEST(Events, ReadEventFile)
+{
+    TempDir dir;
+    WriteTextFile(dir.path("ok.evt"), "# name code begin end kind\n\"Stim A\"\t3\t100\t110\t2\nR1 1 200\n\n");
+    WriteTextFile(dir.path("bad.evt"), "Stim 3 100\nbroken line here x\n");
+    ecEventList list;
+    ecEvent keep;
+    keep.SetEventName("keep");
+    list.AppendOneEvent(keep);
+    EXPECT_FALSE(list.ReadEventFile(dir.path("bad.evt").c_str(), false));
+    EXPECT_FALSE(list.ReadEventFile(dir.path("none.evt").c_str(), false));
+    EXPECT_EQ(list.GetEventCnt(true), 1);
+    ASSERT_TRUE(list.ReadEventFile(dir.path("ok.evt").c_str(), true));
+    ASSERT_EQ(list.GetEventCnt(true), 3);
+    EXPECT_EQ(list.GetEvent(1).GetEventName(), "Stim A");
+    EXPECT_EQ(list.GetEvent(1).GetEnd(), 110);
+    EXPECT_EQ(list.GetEvent(2).GetEnd(), 200);
+    EXPECT_EQ(list.GetEvent(2).GetKind(), 2);
+    ASSERT_TRUE(list.ReadEventFile(dir.path("ok.evt").c_str(), false));
+    EXPECT_EQ(list.GetEventCnt(true), 2);
+}
+
+TEST(Xml, ReadsRealWorldShapes)
+{
+    const std::string text =
+        "\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE h [<!ENTITY x \"y\">]>\n"
+        "<!-- header -->\n<Root version='2'>\n  <Name>a &lt;b&gt; &amp; &quot;c&quot; &apos;d&apos; &#65;&#x42; &#xE9;</Name>\n"
+        "  <List><Item>1</Item><!-- skip --><Item> 2 </Item><Item>3</Item></List>\n"
+        "  <Deep><Inner><Value>-7</Value></Inner></Deep>\n  <Empty/>\n  <Raw><![CDATA[<not a tag>]]></Raw>\n"
+        "  <Flag>true</Flag><F>2.5e-3</F>\n</Root>\n";
+    ecXml xml;
+    ASSERT_TRUE(xml.Read(text));
+    EXPECT_EQ(xml.GetName(), "Root");
+    EXPECT_EQ(xml.GetString("Name"), "a <b> & \"c\" 'd' AB \xC3\xA9");
+    EXPECT_EQ(xml.GetInt("Value"), -7);  // found among the descendants
+    EXPECT_TRUE(xml.TagExists("Empty"));
+    EXPECT_FALSE(xml.TagExists("Missing"));
+    EXPECT_EQ(xml.GetInt("Missing"), 0);
+    EXPECT_EQ(xml.GetString("Raw"), "<not a tag>");
+    EXPECT_TRUE(xml.GetBool("Flag"));
+    EXPECT_FLOAT_EQ(xml.GetFloat("F"), 0.0025f);
+
+    ecXml list = xml.Sub("List");
+    EXPECT_EQ(list.Children("Item").size(), 3u);
+    EXPECT_EQ(list.GetUnsignedIntNext("Item"), 1u);
+    EXPECT_EQ(list.GetUnsignedIntNext("Item"), 2u);
+    char buf[4];
+    EXPECT_EQ(list.CharacterDataNext(buf, "Item", sizeof buf, 0), 1);
+    EXPECT_STREQ(buf, "3");
+    EXPECT_EQ(list.CharacterDataNext(buf, "Item", sizeof buf, 0), -1);
+    EXPECT_EQ(list.CharacterDataNext(buf, "Item", sizeof buf, 1), 1);
+    EXPECT_STREQ(buf, "1");
+
+    ecXml events;
+    ASSERT_TRUE(events.Read("<E><Evt><Name>Stimulus long name</Name><Begin>5</Begin><End>9</End></Evt>"
+                            "<Evt><Name>b</Name><Begin>7</Begin><End>7</End></Evt></E>"));
+    int b = 0, e = 0;
+    char name[8];
+    ASSERT_TRUE(events.GetBeginEnd(b, e, "Evt", name, sizeof name, 0));
+    EXPECT_EQ(b, 5);
+    EXPECT_EQ(e, 9);
+    EXPECT_STREQ(name, "Stimulu");  // cut to the buffer, terminated
+    ASSERT_TRUE(events.GetBeginEnd(b, e, "Evt", name, sizeof name, 0));
+    EXPECT_EQ(b, 7);
+    EXPECT_FALSE(events.GetBeginEnd(b, e, "Evt", name, sizeof name, 0));
+
+    TempDir dir;
+    WriteTextFile(dir.path("a.xml"), "<A><B>4</B></A>");
+    ecXml fromFile;
+    ASSERT_TRUE(fromFile.Read(dir.path("a.xml")));
+    EXPECT_EQ(fromFile.GetInt("B"), 4);
+    fromFile.Free();
+    EXPECT_FALSE(fromFile.IsValid());
+    EXPECT_FALSE(fromFile.TagExists("B"));
+}
+
+TEST(Xml, RefusesMalformedText)
+{
+    const char* bad[] = {"", "   ", "<a>", "<a></b>", "<a><b></a></b>", "<a>&bogus;</a>", "<a>&#0;</a>",
+                         "<a x=1></a>", "<a x=\"1></a>", "<a></a><b></b>", "<a><!-- open</a>", "text only",
+                         "<a><![CDATA[x</a>", "<>", "<a>&#x110000;</a>", "<a></a> trailing"};
+    for (const char* text : bad) {
+        ecXml xml;
+        EXPECT_FALSE(xml.Read(text)) << text;
+        EXPECT_FALSE(xml.IsValid());
+    }
+    ecXml missing;
+    EXPECT_FALSE(missing.Read("/nonexistent/file.xml"));
+    std::string deep;
+    for (int i = 0; i < 100000; ++i)
+        deep += "<d>";
+    EXPECT_FALSE(missing.Read(deep));  // bounded depth, no stack overflow
+}
+
+TEST(Utility, StringsPathsAndByteOrder)
+{
+    std::string line = "a, b,,c ";
+    std::vector<std::string> f;
+    EXPECT_EQ(SplitFields(line, f, ", "), 3);
+    EXPECT_EQ(f[2], "c");
+    EXPECT_EQ(MidString("abcdef", 2, 3), "cde");
+    EXPECT_EQ(MidString("abc", 5, 1), "");
+    EXPECT_EQ(LeftString("abc", 10), "abc");
+    EXPECT_EQ(RightString("abcdef", 2), "ef");
+    std::string up = "aBc1";
+    EXPECT_EQ(ToUpper(up), 4);
+    EXPECT_EQ(up, "ABC1");
+    EXPECT_TRUE(IsEqual("VHDR", "vhdr", false));
+    EXPECT_FALSE(IsEqual("VHDR", "vhdr", true));
+    EXPECT_EQ(GetFileNameDirectory("/data/run.1/file.cnt"), "/data/run.1/");
+    EXPECT_EQ(GetFileNameExtension("/data/run.1/file.cnt"), "cnt");
+    EXPECT_EQ(GetFileNameExtension("/data/run.1/file"), "");
+    EXPECT_EQ(GetFileNameNoExtension("/data/run.1/file.cnt"), "/data/run.1/file");
+    EXPECT_EQ(GetFileNameNoExtension("C:\\x.y\\file"), "C:\\x.y\\file");
+
+    float fin = 1.0f, fout = 0;
+    swaf(&fin, &fout);
+    EXPECT_EQ(FloatToBits(fout), 0x0000803Fu);
+    double din = 1.0, dout = 0;
+    swad(&din, &dout);
+    EXPECT_EQ(DoubleToBits(dout), 0x000000000000F03Full);
+    long lin = 0x0102, lout = 0;
+    swal(&lin, &lout);
+    swal(&lout, &lin);
+    EXPECT_EQ(lin, 0x0102);
+    Bytes be;
+    be.f64be(-2.5);
+    double raw = 0, host = 0;
+    std::memcpy(&raw, be.data().data(), 8);
+    swad_ieeebi64(&raw, &host);
+    EXPECT_EQ(host, -2.5);
+
+    TempDir dir;
+    WriteTextFile(dir.path("t.txt"), "first line\r\nsecond-and-long\nlast");
+    FILE* fp = std::fopen(dir.path("t.txt").c_str(), "rb");
+    char buf[8];
+    EXPECT_EQ(GetLineFromFile(fp, buf, sizeof buf), 7);
+    EXPECT_STREQ(buf, "first l");
+    EXPECT_EQ(GetLineFromFile(fp, buf, sizeof buf), 7);
+    EXPECT_EQ(GetLineFromFile(fp, buf, sizeof buf), 4);
+    EXPECT_STREQ(buf, "last");
+    EXPECT_EQ(GetLineFromFile(fp, buf, sizeof buf), -1);
+    std::fclose(fp);
+}
+
+TEST(ByteCursor, DecodesBothOrdersAndRefusesFieldsOutsideTheBuffer)
+{
+    Bytes b;
+    b.u16le(0x1234).u32be(0xA1B2C3D4).f32le(1.5f).f64be(3.25).text("AB", 4, '\0');
+    ByteCursor c(b.data().data(), b.size());
+    EXPECT_EQ(c.u16le(0), 0x1234);
+    EXPECT_EQ(c.i16le(0), 0x1234);
+    EXPECT_EQ(c.u16be(0), 0x3412);
+    EXPECT_EQ(c.u32be(2), 0xA1B2C3D4u);
+    EXPECT_EQ(c.i32be(2), static_cast<int32_t>(0xA1B2C3D4u));
+    EXPECT_EQ(c.f32le(6), 1.5f);
+    EXPECT_EQ(c.f64be(10), 3.25);
+    EXPECT_EQ(c.str(18, 4), "AB");
+    EXPECT_EQ(c.next_u16le(), 0x1234);
+    EXPECT_EQ(c.next_u32be(), 0xA1B2C3D4u);
+    EXPECT_EQ(c.tell(), 6u);
+    EXPECT_THROW(c.u32le(20), ecError);
+    EXPECT_THROW(c.u8(22), ecError);
+    EXPECT_THROW(c.str(20, static_cast<size_t>(-1)), ecError);
+    EXPECT_THROW(c.seek(23), ecError);
+    c.seek(20);
+    EXPECT_THROW(c.next_u32le(), ecError);
+    try {
+        c.u16le(21);
+    } catch (const ecError& e) {
+        EXPECT_STREQ(e.what(), "[ByteCursor] Field of 2 bytes at offset 21 lies outside the 22-byte header.");
+    }
+}
