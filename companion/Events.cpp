@@ -133,3 +133,21 @@ bool ecEventList::ReadEventFile(const char* path, bool append)
     m_events.insert(m_events.end(), read.begin(), read.end());
     return true;
 }
+
+bool WriteEventFile(const ecEventList& events, const char* path)
+{
+    std::ofstream out(path);
+    if (!out)
+        return false;
+    out << "# name\tcode\tbegin\tend\tkind\n";
+    for (int i = 0; i < events.GetEventCnt(true); ++i) {
+        const ecEvent& e = events.GetEvent(i);
+        if (e.IsSegmentBoundary())
+            continue;
+        std::string name = e.GetEventName();
+        std::replace(name.begin(), name.end(), '"', '\'');
+        out << '"' << name << "\"\t" << e.GetEventCode() << '\t' << e.GetBegin() << '\t' << e.GetEnd() << '\t'
+            << e.GetKind() << '\n';
+    }
+    return static_cast<bool>(out);
+}

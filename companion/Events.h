@@ -65,3 +65,7 @@ public:
 private:
     std::vector<ecEvent> m_events;
 };
+
+// Writes the events (segment boundaries excepted) in the layout ReadEventFile reads, names
+// quoted. False when the file cannot be written.
+bool WriteEventFile(const ecEventList& events, const char* path);

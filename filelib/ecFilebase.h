@@ -115,6 +115,8 @@ public:
 protected:
     // Lets go of the input handle (closing it unless a copy still holds it).
     void CloseInputFile() { m_inputFile.Close(); }
+    // The stored sample period (0 when not set).
+    float GetSamplePeriod() const { return m_fSamplePeriod; }
     // Row labels of a delivered block: channel name and unit of every channel.
     void LabelRows(ecLabeledMatrix<float>& data);
 

@@ -1,0 +1,18 @@
+// Writing any recording in the generic format.
+#pragma once
+
+#include <string>
+
+#include "filelib/filelib.h"
+
+// Writes the recording open in `source` as a generic file pair that reads back through
+// detection with the same metadata and samples:
+//  - dataFile: the samples as delivered by source.ReadData (physical units, calibration
+//    applied), little-endian 32-bit floats, slice after slice ("Float", "Slice_Mode");
+//  - dataFile.orva_hdr: the header, every channel's scale 1 (the samples are already scaled),
+//    with NumEpochs and EpochSlices added so that multi-epoch runs keep their epochs;
+//  - dataFile.evt: the events (segment boundaries are rebuilt from the epochs on reading).
+// Reads and writes in blocks of 5000 slices; with a progress object, one step per block.
+// Returns the number of slices written, or -1 when the progress object cancelled (the partial
+// files are removed). Raises ecError when an output file cannot be written.
+int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDlg* progress);

@@ -1,0 +1,50 @@
+#include "filelib/ReaderTable.h"
+
+#include <algorithm>
+
+#include "filelib/readers/Generic.h"
+
+namespace {
+template <typename Reader>
+ecFilebase* Create(const char* fileName)
+{
+    return new Reader(fileName);
+}
+
+bool GenericHeaderParses(ecFilebase& reader) { return static_cast<CGeneric&>(reader).ReadHeader(); }
+
+std::vector<ecReaderEntry> SortedByProbe(std::vector<ecReaderEntry> rows)
+{
+    std::stable_sort(rows.begin(), rows.end(), [](const ecReaderEntry& a, const ecReaderEntry& b) {
+        const int pa = a.probePosition > 0 ? a.probePosition : 1 << 30;
+        const int pb = b.probePosition > 0 ? b.probePosition : 1 << 30;
+        return pa < pb;
+    });
+    return rows;
+}
+}  // namespace
+
+const std::vector<ecReaderEntry>& ReaderTable()
+{
+    static const std::vector<ecReaderEntry> table = SortedByProbe({
+        // code, class, format, probe position, Initialize argument, factory, pre-check
+        {2, "CGeneric", "ORVA generic (.orva_hdr + raw data)", 1, 0, &Create<CGeneric>, &GenericHeaderParses},
+    });
+    return table;
+}
+
+const ecReaderEntry* FindReader(int code)
+{
+    for (const ecReaderEntry& row : ReaderTable())
+        if (row.code == code)
+            return &row;
+    return nullptr;
+}
+
+std::string SupportedFormatsText()
+{
+    std::string text;
+    for (const ecReaderEntry& row : ReaderTable())
+        text += (text.empty() ? "" : ", ") + std::string(row.format) + " [" + std::to_string(row.code) + "]";
+    return text;
+}

@@ -1,0 +1,25 @@
+// The one table of readers: detection probes it in probe order, the factory looks a code up in
+// it. Adding a reader is one row in ReaderTable.cpp.
+#pragma once
+
+#include <string>
+#include <vector>
+
+class ecFilebase;
+
+struct ecReaderEntry {
+    int code;              // manufacturer code (file source)
+    const char* className;
+    const char* format;    // what users call the format
+    int probePosition;     // order in detection; 0 = never probed (reached only by SetFileSource)
+    int initializeArg;     // argument the factory passes to Initialize
+    ecFilebase* (*create)(const char* fileName);
+    // Checked before Initialize while probing (the generic format's header must parse).
+    bool (*passesPreCheck)(ecFilebase& reader);
+};
+
+// Rows ordered by probe position (unprobed rows last).
+const std::vector<ecReaderEntry>& ReaderTable();
+const ecReaderEntry* FindReader(int code);
+// "Neuroscan (4), ..." for messages that list what is supported.
+std::string SupportedFormatsText();

@@ -1,0 +1,557 @@
+#include "filelib/readers/Generic.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "companion/ByteCursor.h"
+#include "companion/Utility.h"
+#include "companion/Xml.h"
+
+namespace {
+
+constexpr int kMaxChannels = 65536;
+constexpr size_t kRawBlockBytes = 1u << 20;
+const char* const kHeaderSuffix = ".orva_hdr";
+
+const char* const kFormatWords[] = {"ASCII",      "Byte",      "Short",      "Long",      "Float",      "Double",
+                                    "Complex",    "Swab_Short", "Swab_Long", "Swab_Float", "Swab_Double"};
+const char* const kDataTypeWords[] = {"EvokedPotential", "FourierTransform", "PowerSpectrum", "Coherence"};
+const char* const kPValueWords[] = {"NA", "P", "-LogP", "LogQ", "LogQ-LogP"};
+
+template <size_t N>
+int WordIndex(const char* const (&words)[N], const std::string& word)
+{
+    for (size_t i = 0; i < N; ++i)
+        if (word == words[i])
+            return static_cast<int>(i);
+    return -1;
+}
+
+template <size_t N>
+const char* WordOf(const char* const (&words)[N], int index)
+{
+    return index >= 0 && static_cast<size_t>(index) < N ? words[index] : nullptr;
+}
+
+std::string Trim(const std::string& s)
+{
+    size_t b = s.find_first_not_of(" \t\r\n");
+    if (b == std::string::npos)
+        return std::string();
+    return s.substr(b, s.find_last_not_of(" \t\r\n") - b + 1);
+}
+
+// Shortest text that reads back as the same float.
+std::string FloatText(float v)
+{
+    std::ostringstream out;
+    for (int precision = 6; precision <= 9; ++precision) {
+        out.str("");
+        out.precision(precision);
+        out << v;
+        if (std::strtof(out.str().c_str(), nullptr) == v)
+            break;
+    }
+    return out.str();
+}
+
+// Shortest rate text that gives back the same stored period when read as a rate.
+std::string RateText(float period)
+{
+    std::ostringstream out;
+    for (int precision = 6; precision <= 10; ++precision) {
+        out.str("");
+        out.precision(precision);
+        out << 1.0 / period;
+        if (static_cast<float>(1.0 / std::strtof(out.str().c_str(), nullptr)) == period)
+            break;
+    }
+    return out.str();
+}
+
+std::string Escaped(const std::string& s)
+{
+    std::string out;
+    for (char c : s) {
+        if (c == '&') out += "&amp;";
+        else if (c == '<') out += "&lt;";
+        else if (c == '>') out += "&gt;";
+        else out += c;
+    }
+    return out;
+}
+
+bool ParseInt(const std::string& text, long long& out)
+{
+    std::string t = Trim(text);
+    if (t.empty())
+        return false;
+    errno = 0;
+    char* stop = nullptr;
+    out = std::strtoll(t.c_str(), &stop, 10);
+    return errno == 0 && *stop == '\0';
+}
+
+bool ParseFloat(const std::string& text, float& out)
+{
+    std::string t = Trim(text);
+    if (t.empty())
+        return false;
+    char* stop = nullptr;
+    out = std::strtof(t.c_str(), &stop);
+    return *stop == '\0' && std::isfinite(out);
+}
+
+// An optional integer tag: absent keeps `value`; present but unreadable fails.
+bool OptionalInt(const ecXml& xml, const char* tag, long long& value)
+{
+    return !xml.TagExists(tag) || ParseInt(xml.GetString(tag), value);
+}
+
+struct Messages {
+    const char* seek;
+    const char* read;
+};
+const Messages kCntMessages = {"[CGeneric::ReadCNTData]: Fail in seeking binary data file.",
+                               "[CGeneric::ReadCNTData]: Error in reading data file."};
+const Messages kEegMessages = {"[CGeneric::ReadEEGData]: Fail in seeking EEG binary data file.",
+                               "[CGeneric::ReadEEGData]: Error in reading EEG data file."};
+
+template <typename Decode>
+void ConvertStrided(const uint8_t* src, size_t stride, long n, float* dst, float factor, Decode decode)
+{
+    for (long i = 0; i < n; ++i, src += stride)
+        dst[i] = static_cast<float>(decode(src)) * factor;
+}
+
+void Convert(int format, const uint8_t* src, size_t stride, long n, float* dst, float factor)
+{
+    switch (format) {
+    case kFmtByte: return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return *p; });
+    case kFmtShort:
+        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return int16_t(LoadU16LE(p)); });
+    case kFmtLong:
+        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return int32_t(LoadU32LE(p)); });
+    case kFmtFloat:
+        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return BitsToFloat(LoadU32LE(p)); });
+    case kFmtDouble:
+        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return BitsToDouble(LoadU64LE(p)); });
+    case kFmtSwabShort:
+        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return int16_t(LoadU16BE(p)); });
+    case kFmtSwabLong:
+        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return int32_t(LoadU32BE(p)); });
+    case kFmtSwabFloat:
+        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return BitsToFloat(LoadU32BE(p)); });
+    case kFmtSwabDouble:
+        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return BitsToDouble(LoadU64BE(p)); });
+    default: throw ecError("[CGeneric::ReadEEGData]: Unrecognized data format.", 1, 0, -1, -1);
+    }
+}
+
+int64_t FileSize(FILE* fp)
+{
+    if (fseeko(fp, 0, SEEK_END) != 0)
+        return -1;
+    int64_t size = ftello(fp);
+    return fseeko(fp, 0, SEEK_SET) == 0 ? size : -1;
+}
+
+}  // namespace
+
+CGeneric::CGeneric(const char* fileName)
+{
+    std::string name = fileName ? fileName : "";
+    const size_t suffix = std::char_traits<char>::length(kHeaderSuffix);
+    if (name.size() > suffix && name.compare(name.size() - suffix, suffix, kHeaderSuffix) == 0)
+        name.erase(name.size() - suffix);
+    m_sInputDataFile = name;
+    SetInputFileName(name);
+}
+
+int CGeneric::BytesPerSample(int format)
+{
+    switch (format) {
+    case kFmtByte: return 1;
+    case kFmtShort: case kFmtSwabShort: return 2;
+    case kFmtLong: case kFmtFloat: case kFmtSwabLong: case kFmtSwabFloat: return 4;
+    case kFmtDouble: case kFmtSwabDouble: return 8;
+    default: return 0;
+    }
+}
+
+bool CGeneric::ReadHeader()
+{
+    if (m_sInputDataFile.empty())
+        return false;
+    ecXml xml;
+    if (!xml.Read(GetHeaderFileName()) || xml.GetName() != "ORVA_Header")
+        return false;
+
+    const int format = WordIndex(kFormatWords, Trim(xml.GetString("DataFormat")));
+    long long chans = 0, slices = 0, epochs = 1, epochSlices = 0, offset = 0, trials = -1, runType = 0;
+    float rate = 0;
+    if (format < 0 || !ParseInt(xml.GetString("NumChans"), chans) || chans < 1 || chans > kMaxChannels ||
+        !ParseInt(xml.GetString("NumSlices"), slices) || slices < 0 || slices > 0x7FFFFFFF ||
+        !ParseFloat(xml.GetString("SampleRate"), rate) || !(rate > 0) || !OptionalInt(xml, "NumEpochs", epochs) ||
+        epochs < 0 || epochs > std::max(1LL, slices) || !OptionalInt(xml, "EpochSlices", epochSlices) ||
+        !OptionalInt(xml, "OffsetToData", offset) || offset < 0 || offset > 0xFFFFFFFFLL ||
+        !OptionalInt(xml, "NumTrials", trials))
+        return false;
+    const std::vector<ecXml> channels = xml.Sub("ChannelList").Children("Channel");
+    if (channels.size() > static_cast<size_t>(chans))
+        return false;
+
+    const std::string run = Trim(xml.GetString("RunType"));
+    runType = run == "SingleEpoch" ? kRunSingleEpoch : run == "MultiEpoch" ? kRunMultiEpoch
+              : run == "Continuous" ? kRunContinuous : 0u;
+    if (runType != 0)
+        SetRunType(static_cast<unsigned>(runType));
+    SetSID(xml.GetString("SID"));
+    SetCID(xml.GetString("CID"));
+    if (xml.TagExists("CntFileName"))
+        m_sCntFileName = xml.GetString("CntFileName");
+    m_iDataFormat = format;
+    m_bMatrixOrientation = Trim(xml.GetString("MatrixOrientation")) != "Trace_Mode";
+    SetOffsetToData(static_cast<unsigned>(offset));
+    const std::string domain = Trim(xml.GetString("DataDomain"));
+    if (domain == "FrequencyDomain")
+        SetDomain(4);
+    else if (domain == "TimeDomain")
+        SetDomain(1);
+    m_iDataType = std::max(0, WordIndex(kDataTypeWords, Trim(xml.GetString("DataType"))));
+    m_iProbabilityType = std::max(0, WordIndex(kPValueWords, Trim(xml.GetString("PValues"))));
+    SetNumSlices(static_cast<int>(slices));
+    SetNumEpochs(static_cast<int>(epochs));
+    SetEpochSlices(epochSlices > 0 ? static_cast<int>(epochSlices) : static_cast<int>(slices / std::max(1LL, epochs)));
+    SetValidEpochCnt(trials >= 0 ? static_cast<int>(trials) : GetNumEpochs());
+    if (xml.TagExists("bEpochReviewMode"))
+        SetEpochReviewMode(xml.GetBool("bEpochReviewMode"));
+    // The frequency domain stores the inverse of the rate (see WriteHeaderText).
+    SetSampleRate(rate, GetDomain() == 4 ? 1 : 0);
+    SetNumChans(static_cast<int>(chans));
+    float preStim = 0;
+    if (ParseFloat(xml.GetString("PreStim"), preStim))
+        SetPreStim(preStim);
+    for (size_t i = 0; i < channels.size(); ++i) {
+        const ecXml& ch = channels[i];
+        const int c = static_cast<int>(i);
+        std::string name = ch.GetString("Name"), unit = ch.GetString("Unit");
+        if (ch.TagExists("Name"))
+            SetChanName(c, name);
+        if (ch.TagExists("Type"))
+            SetChanType(c, ch.GetInt("Type"));
+        float scale = 1;
+        if (ParseFloat(ch.GetString("Scale"), scale))
+            SetChanScale(c, scale);
+        SetChanUnit(c, unit);
+        SetUseChanUnit(c, ch.GetBool("UseUnit"));
+        SetUseChanUnitPrefix(c, ch.GetBool("UsePrefix"));
+    }
+    if (xml.TagExists("ORVA_Calibration"))
+        GetCalibration().ReadXml(xml);
+    float outputScale = 1;
+    m_fOutputScale = ParseFloat(xml.GetString("fOutputScale"), outputScale) ? outputScale : 1.0f;
+    m_bHeaderRead = true;
+    return true;
+}
+
+void CGeneric::WriteHeaderText(std::ostream& out, bool withEpochs)
+{
+    const unsigned runType = GetRunType();
+    out << "<ORVA_Header>\n";
+    out << "<DataFileName>" << Escaped(m_sInputDataFile) << "</DataFileName>\n";
+    out << "<SID>" << Escaped(GetSID()) << "</SID>\n";
+    out << "<CID>" << Escaped(GetCID()) << "</CID>\n";
+    const char* runWord = runType == kRunSingleEpoch ? "SingleEpoch"
+                          : runType == kRunMultiEpoch ? "MultiEpoch"
+                          : runType == kRunContinuous ? "Continuous" : nullptr;
+    if (runWord)
+        out << "<RunType>" << runWord << "</RunType>\n";
+    if (runType == kRunSingleEpoch && !m_sCntFileName.empty())
+        out << "<CntFileName>" << Escaped(m_sCntFileName) << "</CntFileName>\n";
+    if (m_iDataFormat != kFmtComplex && WordOf(kFormatWords, m_iDataFormat))
+        out << "<DataFormat>" << WordOf(kFormatWords, m_iDataFormat) << "</DataFormat>\n";
+    out << "<MatrixOrientation>" << (m_bMatrixOrientation ? "Slice_Mode" : "Trace_Mode") << "</MatrixOrientation>\n";
+    out << "<OffsetToData>" << GetOffsetToData() << "</OffsetToData>\n";
+    if (runType == kRunSingleEpoch)
+        out << "<NumTrials>" << GetValidEpochCnt() << "</NumTrials>\n";
+    if (GetDomain() == 1)
+        out << "<DataDomain>TimeDomain</DataDomain>\n";
+    else if (GetDomain() == 4)
+        out << "<DataDomain>FrequencyDomain</DataDomain>\n";
+    if (const char* word = WordOf(kDataTypeWords, m_iDataType))
+        out << "<DataType>" << word << "</DataType>\n";
+    if (const char* word = WordOf(kPValueWords, m_iProbabilityType))
+        out << "<PValues>" << word << "</PValues>\n";
+    out << "<NumSlices>" << GetNumSlices() << "</NumSlices>\n";
+    GetSampleRate();  // raises when the rate is not set
+    const float period = GetSamplePeriod();
+    // The frequency domain writes the inverse of the rate, i.e. the stored period itself.
+    out << "<SampleRate>" << (GetDomain() == 4 ? FloatText(period) : RateText(period)) << "</SampleRate>\n";
+    out << "<NumChans>" << GetNumChans() << "</NumChans>\n";
+    out << "<PreStim>" << FloatText(GetPreStim()) << "</PreStim>\n";
+    out << "<ChannelList>\n";
+    for (int c = 0; c < GetNumChans(); ++c) {
+        std::string name, unit;
+        GetChanName(c, name);
+        GetChanUnit(c, unit);
+        out << "<Channel>\n"
+            << "<Name>" << Escaped(name) << "</Name>\n"
+            << "<Type>" << GetChanType(c) << "</Type>\n"
+            << "<Scale>" << FloatText(GetChanScale(c)) << "</Scale>\n"
+            << "<Unit>" << Escaped(unit) << "</Unit>\n"
+            << "<UseUnit>" << (UseChanUnit(c) ? 1 : 0) << "</UseUnit>\n"
+            << "<UsePrefix>" << (UseChanUnitPrefix(c) ? 1 : 0) << "</UsePrefix>\n"
+            << "</Channel>\n";
+    }
+    out << "</ChannelList>\n";
+    out << "<fOutputScale>" << FloatText(m_fOutputScale) << "</fOutputScale>\n";
+    if (withEpochs)
+        out << "<NumEpochs>" << GetNumEpochs() << "</NumEpochs>\n<EpochSlices>" << GetEpochSlices()
+            << "</EpochSlices>\n";
+    out << "</ORVA_Header>\n";
+}
+
+bool CGeneric::WriteHeader()
+{
+    if (m_sInputDataFile.empty())
+        return false;
+    std::ostringstream text;
+    try {
+        WriteHeaderText(text, false);
+    } catch (const ecError&) {
+        return false;  // metadata not complete (no sample rate): nothing is written
+    }
+    std::ofstream out(GetHeaderFileName(), std::ios::binary | std::ios::trunc);
+    out << text.str();
+    return static_cast<bool>(out);
+}
+
+void CGeneric::Initialize(int)
+{
+    if (!m_bHeaderRead && !ReadHeader())
+        throw ecError("[CGeneric::Initialize] Unable to read header file: " + GetHeaderFileName());
+    SetFileMFR(2);
+    if (GetRunType() == 0)
+        SetRunType(GetNumEpochs() > 1 ? kRunMultiEpoch : kRunContinuous);
+    if (m_iDataFormat != kFmtASCII && BytesPerSample(m_iDataFormat) == 0)
+        throw ecError(std::string("[CGeneric::Initialize] Unsupported data format: ") + kFormatWords[m_iDataFormat]);
+    OpenDataFile();
+}
+
+void CGeneric::OpenDataFile()
+{
+    CloseInputFile();
+    FILE* fp = std::fopen(m_sInputDataFile.c_str(), "rb");
+    if (!fp)
+        throw ecError("[CGeneric::Initialize] Unable to open file:" + m_sInputDataFile);
+    SetInputFilePointer(fp);
+    const int64_t size = FileSize(fp);
+    if (m_iDataFormat == kFmtASCII)
+        LoadAsciiValues(fp);
+    else
+        CheckDataSize(size);
+}
+
+void CGeneric::CheckDataSize(int64_t fileBytes)
+{
+    const int64_t needed = static_cast<int64_t>(GetOffsetToData()) +
+                           static_cast<int64_t>(GetNumChans()) * GetNumSlices() * BytesPerSample(m_iDataFormat);
+    if (fileBytes < needed) {
+        CloseInputFile();
+        throw ecError("[CGeneric::Initialize] The data file " + m_sInputDataFile + " holds " +
+                      std::to_string(fileBytes) + " bytes; the header declares " + std::to_string(needed) + ".");
+    }
+}
+
+void CGeneric::LoadAsciiValues(FILE* fp)
+{
+    const size_t wanted = static_cast<size_t>(GetNumChans()) * static_cast<size_t>(GetNumSlices());
+    m_asciiValues.clear();
+    if (fseeko(fp, static_cast<off_t>(GetOffsetToData()), SEEK_SET) != 0)
+        throw ecError("[CGeneric::Initialize] Unable to open file:" + m_sInputDataFile);
+    std::string token;
+    for (int c = std::fgetc(fp);; c = std::fgetc(fp)) {
+        const bool separator = c == EOF || std::isspace(c) || c == ',' || c == ';';
+        if (!separator) {
+            if (token.size() > 64)
+                break;  // not a number; reported below
+            token += static_cast<char>(c);
+            continue;
+        }
+        if (!token.empty()) {
+            float v = 0;
+            if (!ParseFloat(token, v))
+                break;
+            m_asciiValues.push_back(v);
+            token.clear();
+            if (m_asciiValues.size() == wanted)
+                break;
+        }
+        if (c == EOF)
+            break;
+    }
+    if (m_asciiValues.size() < wanted) {
+        CloseInputFile();
+        throw ecError("[CGeneric::Initialize] The ASCII data file " + m_sInputDataFile + " holds " +
+                      std::to_string(m_asciiValues.size()) + " numbers before its first unreadable entry; the header declares " +
+                      std::to_string(wanted) + ".");
+    }
+}
+
+int CGeneric::SlicesPerEpoch()
+{
+    return GetNumSlices() / std::max(1, GetNumEpochs());
+}
+
+std::vector<float> CGeneric::ChannelFactors()
+{
+    const float global = m_fOutputScale > 0 ? m_fOutputScale : 1.0f;
+    std::vector<float> factors(static_cast<size_t>(GetNumChans()));
+    for (int c = 0; c < GetNumChans(); ++c)
+        factors[static_cast<size_t>(c)] = GetChanScale(c) * global;
+    return factors;
+}
+
+void CGeneric::ReadEpochSpan(ecLabeledMatrix<float>& data, long col, long epoch, long t0, long n, bool epochRead)
+{
+    const Messages& msg = epochRead ? kEegMessages : kCntMessages;
+    const long channels = GetNumChans();
+    const long epochSlices = SlicesPerEpoch();
+    const std::vector<float> factors = ChannelFactors();
+    if (m_iDataFormat == kFmtASCII) {
+        if (m_asciiValues.empty() && channels > 0)
+            throw ecError(msg.read, 1, 0, -1, -1);
+        const float* epochBase = m_asciiValues.data() + static_cast<size_t>(epoch) * channels * epochSlices;
+        for (long c = 0; c < channels; ++c) {
+            float* dst = data[c] + col;
+            for (long t = 0; t < n; ++t) {
+                const long index = m_bMatrixOrientation ? (t0 + t) * channels + c : c * epochSlices + t0 + t;
+                dst[t] = epochBase[index] * factors[static_cast<size_t>(c)];
+            }
+        }
+        return;
+    }
+    const int bps = BytesPerSample(m_iDataFormat);
+    if (bps == 0)
+        throw ecError("[CGeneric::ReadEEGData]: Unrecognized data format.", 1, 0, -1, -1);
+    const int64_t epochBase =
+        static_cast<int64_t>(GetOffsetToData()) + static_cast<int64_t>(epoch) * channels * epochSlices * bps;
+    FILE* fp = GetInputFilePointer();
+    if (!fp)
+        throw ecError(msg.read, 1, 0, -1, -1);
+    if (m_bMatrixOrientation) {
+        // Slice after slice: whole slices in blocks of about 1 MiB.
+        const size_t sliceBytes = static_cast<size_t>(channels) * bps;
+        const long perBlock = std::max(1L, static_cast<long>(kRawBlockBytes / sliceBytes));
+        for (long done = 0; done < n;) {
+            const long take = std::min(perBlock, n - done);
+            if (fseeko(fp, static_cast<off_t>(epochBase + (t0 + done) * static_cast<int64_t>(sliceBytes)), SEEK_SET) != 0)
+                throw ecError(msg.seek, 1, 0, -1, -1);
+            m_raw.resize(static_cast<size_t>(take) * sliceBytes);
+            if (std::fread(m_raw.data(), 1, m_raw.size(), fp) != m_raw.size())
+                throw ecError(msg.read, 1, 0, -1, -1);
+            for (long c = 0; c < channels; ++c)
+                Convert(m_iDataFormat, m_raw.data() + c * bps, sliceBytes, take, data[c] + col + done,
+                        factors[static_cast<size_t>(c)]);
+            done += take;
+        }
+        return;
+    }
+    // Channel after channel: one contiguous run per channel.
+    const long perBlock = std::max(1L, static_cast<long>(kRawBlockBytes / bps));
+    for (long c = 0; c < channels; ++c) {
+        for (long done = 0; done < n;) {
+            const long take = std::min(perBlock, n - done);
+            const int64_t pos = epochBase + (static_cast<int64_t>(c) * epochSlices + t0 + done) * bps;
+            if (fseeko(fp, static_cast<off_t>(pos), SEEK_SET) != 0)
+                throw ecError(msg.seek, 1, 0, -1, -1);
+            m_raw.resize(static_cast<size_t>(take) * bps);
+            if (std::fread(m_raw.data(), 1, m_raw.size(), fp) != m_raw.size())
+                throw ecError(msg.read, 1, 0, -1, -1);
+            Convert(m_iDataFormat, m_raw.data(), static_cast<size_t>(bps), take, data[c] + col + done,
+                    factors[static_cast<size_t>(c)]);
+            done += take;
+        }
+    }
+}
+
+void CGeneric::ReadEEGData(ecLabeledMatrix<float>& data, int epoch)
+{
+    if (epoch < 0 || epoch >= GetNumEpochs())
+        throw ecError("[CGeneric::ReadEEGData]: Out of range error.", 1, 0, -1, -1);
+    if (m_iDataFormat != kFmtASCII && BytesPerSample(m_iDataFormat) == 0)
+        throw ecError("[CGeneric::ReadEEGData]: Unrecognized data format.", 1, 0, -1, -1);
+    const int slices = SlicesPerEpoch();
+    data.resize(GetNumChans(), slices, 0, 0);
+    ReadEpochSpan(data, 0, epoch, 0, slices, true);
+    LabelRows(data);
+}
+
+int CGeneric::ReadCNTData(ecLabeledMatrix<float>& data, int first, int count)
+{
+    const long epochSlices = SlicesPerEpoch();
+    const long available = epochSlices * std::max(1, GetNumEpochs());
+    if (first < 0 || count <= 0 || first >= available || epochSlices <= 0)
+        return 0;
+    const long n = std::min<long>(count, available - first);
+    data.resize(GetNumChans(), n, 0, 0);
+    for (long done = 0; done < n;) {
+        const long slice = first + done;
+        const long epoch = slice / epochSlices;
+        const long t0 = slice % epochSlices;
+        const long take = std::min(n - done, epochSlices - t0);
+        ReadEpochSpan(data, done, epoch, t0, take, false);
+        done += take;
+    }
+    LabelRows(data);
+    return static_cast<int>(n);
+}
+
+int CGeneric::ReadData(ecLabeledMatrix<float>& data, int first, int count)
+{
+    if (first < 0 || count < 0)
+        throw ecError("[CGeneric::ReadData]: Dimension specified does not agree with the data.", 1, 0, -1, -1);
+    return ReadCNTData(data, first, count);
+}
+
+void CGeneric::ReadOneSlice(ecVector<float>& values, int slice)
+{
+    if (values.dim() != GetNumChans())
+        throw ecError("[CGeneric::ReadOneSlice]: Dimension mismatch error.", 1, 0, -1, -1);
+    ecLabeledMatrix<float> one;
+    int got = 0;
+    try {
+        got = slice < 0 ? 0 : ReadCNTData(one, slice, 1);
+    } catch (const ecError&) {
+        got = 0;
+    }
+    if (got != 1)
+        throw ecError("[CGeneric::ReadOneSlice]: Error in reading one slice.", 1, 0, -1, -1);
+    for (long c = 0; c < one.nrow(); ++c)
+        values[c] = one[c][0];
+}
+
+int CGeneric::InitialEventList(ecEventList* events, ecProgressDlg*)
+{
+    if (!events)
+        return 0;
+    const int before = events->GetEventCnt(true);
+    if (GetRunType() == kRunMultiEpoch) {
+        for (int e = 0; e < GetNumEpochs(); ++e) {
+            ecEvent boundary;
+            boundary.SetBegin(static_cast<long>(e) * SlicesPerEpoch());
+            boundary.SetSegmentBoundaryDefaults();
+            events->AppendOneEvent(boundary);
+        }
+    }
+    const std::string eventFile = m_sInputDataFile + ".evt";
+    if (std::ifstream(eventFile).good() && !events->ReadEventFile(eventFile.c_str(), true))
+        throw ecError("[CGeneric::InitialEventList] Unreadable event file: " + eventFile);
+    return events->GetEventCnt(true) - before;
+}
