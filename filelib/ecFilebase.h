@@ -108,6 +108,32 @@ public:
     // Appends the recording's events; returns the number appended.
     virtual int InitialEventList(ecEventList* events, ecProgressDlg* progress) = 0;
 
+    // Trigger search over the reader's own data, read through ReadData in blocks of 5000 slices
+    // of all channels (memory for one block only, whatever the recording's length).
+    //
+    // The first slice at or after `start` where channel `chan` crosses `threshold`, or -1.
+    // fromZero false (analogue): the channel must first be seen below the threshold, then the
+    // first slice at or above it fires. fromZero true (digital): a slice at or above the
+    // threshold fires when the slice before it was exactly 0 (so slice 0 never fires).
+    int FindNextTrigger(int chan, int start, float threshold, bool fromZero);
+    // Every crossing on every trigger channel (type bit 0x8000), by the rules above applied to
+    // each channel independently, from slice 0. Each crossing appends one event named by the
+    // trigger channel's number among the trigger channels ("1" for the first, in channel
+    // order), with code `eventCode`, kind 1 and begin = end = the crossing slice. After a
+    // crossing the channel's next examined slice is crossing + deadTime + 1. With a progress
+    // object: range 0 .. slices / 5000 + 1, step 1, one StepIt per block, then a cancel stops
+    // the search. Returns the number of events appended.
+    int FindAllTriggers(ecEventList* events, int eventCode, float threshold, int deadTime, bool fromZero,
+                        ecProgressDlg* progress);
+    // Digital trigger words: every trigger channel carries an integer word (values are rounded).
+    // The word that counts is (word & mask; -1 keeps every bit); words below minWord count as 0. An event is
+    // appended at every slice where the counted word changes to a non-zero value (onsetsOnly
+    // true: only where it rises from 0), named by the word in decimal, with code = the word,
+    // code mask = mask and kind `eventKind`. Slice 0 never fires. Dead time, progress and the
+    // return value as for FindAllTriggers.
+    int FindAllTriggersDig(ecEventList* events, int eventKind, float minWord, int deadTime, bool onsetsOnly,
+                           int mask, ecProgressDlg* progress);
+
     // Derives the calibration factors (see Calibration.h).
     void Calibrate();
     ecCalibration& GetCalibration() { return m_calibration; }
@@ -132,6 +158,11 @@ protected:
     std::vector<unsigned char> m_vbUseChanUnitPrefix;
 
 private:
+    // Reads blocks of 5000 slices from `start` until the data end, onBlock returns false or the
+    // progress object cancels. onBlock(block, firstSlice, slices).
+    template <typename OnBlock>
+    void ScanBlocks(int start, ecProgressDlg* progress, OnBlock onBlock);
+    std::vector<int> TriggerChannels();
     void CopyFields(const ecFilebase& other);
     bool ChannelIndexValid(int chan, size_t tableSize) const;
     template <typename T>
