@@ -18,8 +18,8 @@ public:
     long GetBegin() const { return m_lBegin; }
     void SetEnd(long slice) { m_lEnd = slice; }
     long GetEnd() const { return m_lEnd; }
-    // The reader's kind value (2 = stimulus, 3 = response, 4 = excluded stretch, 1 = trigger found
-    // on a channel, 0 = segment boundary).
+    // The reader's kind value: 2 = stimulus (also a trigger found on a channel), 3 = response,
+    // 1 = start of an excluded stretch, 0 = segment boundary.
     void SetKind(int kind) { m_iKind = kind; }
     int GetKind() const { return m_iKind; }
     void SetCodeMask(int mask) { m_iCodeMask = mask; }

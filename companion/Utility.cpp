@@ -136,3 +136,23 @@ void swad_ieeebi64(double* in, double* out)
     else
         std::memcpy(out, in, sizeof(double));
 }
+
+long long FileLength(FILE* fp)
+{
+    if (!fp || fseeko(fp, 0, SEEK_END) != 0)
+        return -1;
+    const long long size = ftello(fp);
+    return fseeko(fp, 0, SEEK_SET) == 0 ? size : -1;
+}
+
+bool SeekTo(FILE* fp, long long offset)
+{
+    return fp && offset >= 0 && fseeko(fp, static_cast<off_t>(offset), SEEK_SET) == 0;
+}
+
+size_t ReadAt(FILE* fp, long long offset, void* buffer, size_t bytes)
+{
+    if (!SeekTo(fp, offset))
+        return 0;
+    return std::fread(buffer, 1, bytes, fp);
+}

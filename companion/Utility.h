@@ -33,3 +33,10 @@ void swal(long* in, long* out);
 void swad_ieeebi64(double* in, double* out);
 
 bool HostIsLittleEndian();
+
+// 64-bit file positioning for data paths that pass 2 GiB.
+// Length of an open file (the position is left at the start); -1 when unknown.
+long long FileLength(FILE* fp);
+bool SeekTo(FILE* fp, long long offset);
+// Reads up to `bytes` at `offset`; returns the bytes read (0 when the seek fails).
+size_t ReadAt(FILE* fp, long long offset, void* buffer, size_t bytes);

@@ -297,8 +297,13 @@ bool ecXml::Read(const std::string& pathOrText)
         text = pathOrText;
     else if (!ReadWholeFile(pathOrText, text))
         return false;
-    m_node = ParseXmlText(text);
-    return IsValid();
+    auto root = ParseXmlText(text);
+    if (!root)
+        return false;
+    // A document node above the root, so that Sub(<root name>) finds the root itself.
+    m_node = std::make_shared<ecXmlNode>();
+    m_node->children.push_back(std::move(root));
+    return true;
 }
 
 void ecXml::Free()
@@ -307,7 +312,14 @@ void ecXml::Free()
     m_cursors.clear();
 }
 
-std::string ecXml::GetName() const { return m_node ? m_node->name : std::string(); }
+const ecXmlNode* ecXml::Element() const
+{
+    if (m_node && m_node->name.empty() && m_node->children.size() == 1)
+        return m_node->children.front().get();
+    return m_node.get();
+}
+
+std::string ecXml::GetName() const { return m_node ? Element()->name : std::string(); }
 
 std::shared_ptr<ecXmlNode> ecXml::Find(const std::string& tag) const
 {
@@ -337,7 +349,7 @@ std::string ecXml::GetString(const std::string& tag) const
     return n ? n->text : std::string();
 }
 
-std::string ecXml::CharacterData() const { return m_node ? m_node->text : std::string(); }
+std::string ecXml::CharacterData() const { return m_node ? Element()->text : std::string(); }
 
 int ecXml::GetInt(const std::string& tag) const
 {
@@ -364,7 +376,7 @@ std::vector<ecXml> ecXml::Children(const std::string& tag) const
 {
     std::vector<ecXml> out;
     if (m_node)
-        for (const auto& child : m_node->children)
+        for (const auto& child : Element()->children)
             if (child->name == tag)
                 out.push_back(ecXml(child));
     return out;
@@ -378,7 +390,7 @@ const ecXmlNode* ecXml::NextOccurrence(const std::string& tag, bool restart)
     if (restart)
         cursor = 0;
     size_t seen = 0;
-    for (const auto& child : m_node->children) {
+    for (const auto& child : Element()->children) {
         if (child->name != tag)
             continue;
         if (seen++ == cursor) {

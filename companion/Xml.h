@@ -32,7 +32,9 @@ public:
     bool GetBool(const std::string& tag) const;
     float GetFloat(const std::string& tag) const;
     std::string GetString(const std::string& tag) const;
-    // The element's own character data.
+    // The element's own character data. After Read the object stands on the document: its name,
+    // character data, children and sequential readers are those of the root element, and
+    // Sub(<root name>) gives the root itself.
     std::string CharacterData() const;
     // Every direct child element with that tag, in document order.
     std::vector<ecXml> Children(const std::string& tag) const;
@@ -52,6 +54,7 @@ public:
 private:
     explicit ecXml(std::shared_ptr<ecXmlNode> node) : m_node(std::move(node)) {}
     std::shared_ptr<ecXmlNode> Find(const std::string& tag) const;
+    const ecXmlNode* Element() const;
     const ecXmlNode* NextOccurrence(const std::string& tag, bool restart);
 
     std::shared_ptr<ecXmlNode> m_node;

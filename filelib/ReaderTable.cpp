@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "filelib/readers/Generic.h"
+#include "filelib/readers/neuroscn.h"
 
 namespace {
 template <typename Reader>
@@ -29,6 +30,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
     static const std::vector<ecReaderEntry> table = SortedByProbe({
         // code, class, format, probe position, Initialize argument, factory, pre-check
         {2, "CGeneric", "ORVA generic (.orva_hdr + raw data)", 1, 0, &Create<CGeneric>, &GenericHeaderParses},
+        {4, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
     });
     return table;
 }

@@ -126,7 +126,7 @@ int ecFilebase::FindAllTriggers(ecEventList* events, int eventCode, float thresh
                                             : AnalogueFires(scan.armed, row[i], threshold);
                 if (!fires)
                     continue;
-                events->AppendOneEvent(TriggerEvent(std::to_string(k + 1), eventCode, 1, first + i));
+                events->AppendOneEvent(TriggerEvent(std::to_string(k + 1), eventCode, 2, first + i));
                 ++appended;
                 scan.nextExamined = first + i + skip;
                 i = scan.nextExamined - first - 1;

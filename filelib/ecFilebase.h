@@ -119,7 +119,7 @@ public:
     // Every crossing on every trigger channel (type bit 0x8000), by the rules above applied to
     // each channel independently, from slice 0. Each crossing appends one event named by the
     // trigger channel's number among the trigger channels ("1" for the first, in channel
-    // order), with code `eventCode`, kind 1 and begin = end = the crossing slice. After a
+    // order), with code `eventCode`, kind 2 and begin = end = the crossing slice. After a
     // crossing the channel's next examined slice is crossing + deadTime + 1. With a progress
     // object: range 0 .. slices / 5000 + 1, step 1, one StepIt per block, then a cancel stops
     // the search. Returns the number of events appended.

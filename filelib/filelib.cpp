@@ -4,6 +4,7 @@
 
 #include "filelib/ReaderTable.h"
 #include "filelib/readers/Generic.h"
+#include "filelib/readers/neuroscn.h"
 
 namespace {
 const char* const kNoReader = ": The time series file is not set properly (pActiveFile=0).";
@@ -315,7 +316,11 @@ bool CFilelib::WriteHeader()
     return g && g->WriteHeader();
 }
 
-bool CFilelib::DoesVarianceExist() { return false; }
+bool CFilelib::DoesVarianceExist()
+{
+    auto* neuroscan = m_iFileSource == 4 ? dynamic_cast<CNeuroscan*>(m_activeFile.get()) : nullptr;
+    return neuroscan && neuroscan->DoesVarianceExist();
+}
 // No metafile reader is built in, so the metafile calls answer their neutral values.
 std::string CFilelib::GetCurrentFileName(int) { return std::string(); }
 int CFilelib::GetCurrentFilePPMOption(int) { return 1; }

@@ -153,14 +153,6 @@ void Convert(int format, const uint8_t* src, size_t stride, long n, float* dst, 
     }
 }
 
-int64_t FileSize(FILE* fp)
-{
-    if (fseeko(fp, 0, SEEK_END) != 0)
-        return -1;
-    int64_t size = ftello(fp);
-    return fseeko(fp, 0, SEEK_SET) == 0 ? size : -1;
-}
-
 }  // namespace
 
 CGeneric::CGeneric(const char* fileName)
@@ -351,7 +343,7 @@ void CGeneric::OpenDataFile()
     if (!fp)
         throw ecError("[CGeneric::Initialize] Unable to open file:" + m_sInputDataFile);
     SetInputFilePointer(fp);
-    const int64_t size = FileSize(fp);
+    const int64_t size = FileLength(fp);
     if (m_iDataFormat == kFmtASCII)
         LoadAsciiValues(fp);
     else
