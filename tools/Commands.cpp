@@ -1,0 +1,305 @@
+#include "Commands.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "Output.h"
+#include "filelib/GenericExport.h"
+#include "filelib/ReaderTable.h"
+#include "filelib/filelib.h"
+
+std::string RenderSvg(CFilelib& f, const std::string& title, long first, long count, const std::vector<int>& channels);
+
+namespace {
+
+constexpr int kBlock = 5000;
+
+void Open(CFilelib& f, const std::string& path)
+{
+    if (FILE* probe = std::fopen(path.c_str(), "rb"))
+        std::fclose(probe);
+    else
+        throw std::runtime_error("cannot open " + path + ": no such file or not readable");
+    std::string name = path;
+    if (f.GuessFileMFR(name) == 0)
+        throw Unrecognized(path + " is not a recording filelib recognises. Supported formats: " +
+                           SupportedFormatsText() + ".");
+    f.Initialize(0);
+}
+
+std::string FormatName(CFilelib& f)
+{
+    const ecReaderEntry* row = FindReader(static_cast<int>(f.GetFileSource()));
+    return row ? row->className : "unknown";
+}
+
+const char* RunTypeWord(unsigned runType)
+{
+    switch (runType) {
+    case 1: return "single epoch";
+    case 2: return "epochs";
+    case 4: return "continuous";
+    default: return "unknown";
+    }
+}
+
+std::string Name(CFilelib& f, int c)
+{
+    std::string s;
+    f.GetChanName(c, s);
+    return s;
+}
+
+std::string Unit(CFilelib& f, int c)
+{
+    std::string s;
+    f.GetChanUnit(c, s);
+    return s;
+}
+
+std::vector<int> SelectChannels(CFilelib& f, const std::vector<std::string>& names)
+{
+    std::vector<int> out;
+    if (names.empty()) {
+        for (int c = 0; c < f.GetNumChans(); ++c)
+            out.push_back(c);
+        return out;
+    }
+    for (const std::string& wanted : names) {
+        int found = -1;
+        for (int c = 0; c < f.GetNumChans() && found < 0; ++c)
+            if (Name(f, c) == wanted)
+                found = c;
+        if (found < 0)
+            throw std::runtime_error("no channel named \"" + wanted + "\"");
+        out.push_back(found);
+    }
+    return out;
+}
+
+// The rate is kept as a single-precision period, so its inverse carries float noise in the last
+// digit (249.99998 for 250 Hz); it is shown to float precision.
+std::string RateText(float rate)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.7g", static_cast<double>(rate));
+    return buf;
+}
+
+int CountEvents(CFilelib& f)
+{
+    ecEventList events;
+    f.InitialEventList(&events, nullptr);
+    return events.GetEventCnt(true);
+}
+
+void PrintEvents(const ecEventList& events, bool json)
+{
+    if (json) {
+        std::cout << "[";
+        for (int i = 0; i < events.GetEventCnt(true); ++i) {
+            const ecEvent& e = events.GetEvent(i);
+            std::cout << (i ? "," : "") << "\n  {\"name\": " << JsonString(e.GetEventName())
+                      << ", \"code\": " << e.GetEventCode() << ", \"begin\": " << e.GetBegin()
+                      << ", \"end\": " << e.GetEnd() << ", \"kind\": " << e.GetKind() << "}";
+        }
+        std::cout << (events.GetEventCnt(true) ? "\n" : "") << "]\n";
+        return;
+    }
+    std::printf("%6s  %-20s %8s %10s %10s %5s\n", "#", "name", "code", "begin", "end", "kind");
+    for (int i = 0; i < events.GetEventCnt(true); ++i) {
+        const ecEvent& e = events.GetEvent(i);
+        std::printf("%6d  %-20s %8d %10ld %10ld %5d\n", i, e.GetEventName().c_str(), e.GetEventCode(), e.GetBegin(),
+                    e.GetEnd(), e.GetKind());
+    }
+    std::printf("%d events\n", events.GetEventCnt(true));
+}
+
+}  // namespace
+
+int RunInfo(const Options& o)
+{
+    CFilelib f;
+    Open(f, o.file);
+    ecFilebase* reader = f.GetActiveFile();
+    const int events = CountEvents(f);
+    if (o.json) {
+        std::cout << "{\"format\": " << JsonString(FormatName(f)) << ", \"code\": " << f.GetFileSource()
+                  << ", \"run_type\": " << f.GetRunType() << ", \"sample_rate\": " << RateText(f.GetSampleRate())
+                  << ", \"slices\": " << f.GetNumSlices() << ", \"epochs\": " << f.GetNumEpochs()
+                  << ", \"epoch_slices\": " << f.GetEpochSlices() << ", \"valid_epochs\": " << f.GetValidEpochCnt()
+                  << ", \"prestim\": " << JsonFloat(f.GetPreStim()) << ", \"reference_type\": " << f.GetReferenceType()
+                  << ", \"reference_channel\": " << f.GetReferenceChannel() << ", \"events\": " << events
+                  << ", \"channels\": [";
+        for (int c = 0; c < f.GetNumChans(); ++c)
+            std::cout << (c ? "," : "") << "\n  {\"name\": " << JsonString(Name(f, c)) << ", \"type\": " << f.GetChanType(c)
+                      << ", \"unit\": " << JsonString(Unit(f, c)) << ", \"scale\": " << JsonFloat(f.GetChanScale(c))
+                      << ", \"offset\": " << JsonFloat(reader->GetChanOffset(c)) << "}";
+        std::cout << (f.GetNumChans() ? "\n" : "") << "]}\n";
+        return 0;
+    }
+    std::printf("File:          %s\n", o.file.c_str());
+    std::printf("Format:        %s (code %u)\n", FormatName(f).c_str(), f.GetFileSource());
+    std::printf("Run type:      %u (%s)\n", f.GetRunType(), RunTypeWord(f.GetRunType()));
+    std::printf("Sample rate:   %g Hz\n", f.GetSampleRate());
+    std::printf("Slices:        %d (%.6g s)\n", f.GetNumSlices(), f.GetDuration());
+    std::printf("Epochs:        %d of %d slices (%d valid)\n", f.GetNumEpochs(), f.GetEpochSlices(), f.GetValidEpochCnt());
+    std::printf("Pre-stimulus:  %g s\n", f.GetPreStim());
+    std::printf("Reference:     type %u, channel %d\n", f.GetReferenceType(), f.GetReferenceChannel());
+    std::printf("Events:        %d\n", events);
+    std::printf("Channels:      %d (%d EEG, %d MEG, %d trigger)\n", f.GetNumChans(), f.GetEEGChannelCount(),
+                f.GetMEGChannelCount(), f.GetNumChans(0x8000));
+    std::printf("%6s  %-16s %8s %-6s %12s %12s\n", "#", "name", "type", "unit", "scale", "offset");
+    for (int c = 0; c < f.GetNumChans(); ++c)
+        std::printf("%6d  %-16s %#8x %-6s %12g %12g\n", c, Name(f, c).c_str(), f.GetChanType(c), Unit(f, c).c_str(),
+                    f.GetChanScale(c), reader->GetChanOffset(c));
+    return 0;
+}
+
+int RunEvents(const Options& o)
+{
+    CFilelib f;
+    Open(f, o.file);
+    ecEventList events;
+    f.InitialEventList(&events, nullptr);
+    PrintEvents(events, o.json);
+    return 0;
+}
+
+int RunDump(const Options& o)
+{
+    CFilelib f;
+    Open(f, o.file);
+    const std::vector<int> channels = SelectChannels(f, o.channels);
+    const long wanted = o.count >= 0 ? o.count : 10;
+    if (o.first < 0 || o.first > 0x7FFFFFFF || wanted > 0x7FFFFFFF)
+        throw std::runtime_error("--first and --count must lie between 0 and 2147483647");
+    ecLabeledMatrix<float> m;
+    const int n = std::max(0, f.ReadData(m, static_cast<int>(o.first), static_cast<int>(wanted)));
+    const double rate = f.GetSampleRate();
+    if (o.json) {
+        std::cout << "{\"first\": " << o.first << ", \"count\": " << n << ", \"channels\": [";
+        for (size_t i = 0; i < channels.size(); ++i)
+            std::cout << (i ? ", " : "") << JsonString(Name(f, channels[i]));
+        std::cout << "], \"data\": [";
+        for (size_t i = 0; i < channels.size(); ++i) {
+            std::cout << (i ? "," : "") << "\n  [";
+            for (int s = 0; s < n; ++s)
+                std::cout << (s ? ", " : "") << JsonFloat(m[channels[i]][s]);
+            std::cout << "]";
+        }
+        std::cout << (channels.empty() ? "" : "\n") << "]}\n";
+        return 0;
+    }
+    const char* sep = o.csv ? "," : "\t";
+    std::cout << "slice" << sep << "time_s";
+    for (int c : channels)
+        std::cout << sep << Name(f, c);
+    std::cout << "\n";
+    for (int s = 0; s < n; ++s) {
+        std::cout << o.first + s << sep << JsonNumber((o.first + s) / rate);
+        for (int c : channels)
+            std::cout << sep << JsonFloat(m[c][s]);
+        std::cout << "\n";
+    }
+    return 0;
+}
+
+int RunStats(const Options& o)
+{
+    CFilelib f;
+    Open(f, o.file);
+    const int chans = f.GetNumChans();
+    std::vector<double> lo(static_cast<size_t>(chans), INFINITY), hi(lo.size(), -INFINITY), sum(lo.size(), 0.0),
+        sq(lo.size(), 0.0);
+    TerminalProgress progress("reading");
+    progress.SetRange(0, f.GetNumSlices() / kBlock + 1);
+    progress.SetStep(1);
+    ecLabeledMatrix<float> m;
+    long total = 0;
+    const auto start = std::chrono::steady_clock::now();
+    for (int n; total < f.GetNumSlices() && (n = f.ReadData(m, static_cast<int>(total), kBlock)) > 0; total += n) {
+        for (int c = 0; c < chans && c < m.nrow(); ++c) {
+            const float* row = m[c];
+            for (int s = 0; s < n; ++s) {
+                lo[c] = std::min<double>(lo[c], row[s]);
+                hi[c] = std::max<double>(hi[c], row[s]);
+                sum[c] += row[s];
+                sq[c] += static_cast<double>(row[s]) * row[s];
+            }
+        }
+        progress.StepIt();
+        if (progress.CheckCancelButton()) {
+            std::fprintf(stderr, "cancelled after %ld slices\n", total + n);
+            return 130;
+        }
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::printf("%-16s %14s %14s %14s %14s\n", "channel", "min", "max", "mean", "rms");
+    for (int c = 0; c < chans; ++c) {
+        const double mean = total ? sum[c] / total : 0, rms = total ? std::sqrt(sq[c] / total) : 0;
+        std::printf("%-16s %14.6g %14.6g %14.6g %14.6g\n", Name(f, c).c_str(), total ? lo[c] : 0.0, total ? hi[c] : 0.0,
+                    mean, rms);
+    }
+    std::printf("%ld slices read in %.3f s (%.0f slices/s)\n", total, seconds, seconds > 0 ? total / seconds : 0.0);
+    return 0;
+}
+
+int RunConvert(const Options& o)
+{
+    CFilelib f;
+    Open(f, o.file);
+    TerminalProgress progress("converting");
+    const int written = WriteGenericCopy(f, o.out, &progress);
+    if (written < 0) {
+        std::fprintf(stderr, "cancelled; nothing written\n");
+        return 130;
+    }
+    std::printf("wrote %s (%d slices x %d channels, Float, Slice_Mode), %s.orva_hdr and %s.evt\n", o.out.c_str(), written,
+                f.GetNumChans(), o.out.c_str(), o.out.c_str());
+    return 0;
+}
+
+int RunTriggers(const Options& o)
+{
+    CFilelib f;
+    Open(f, o.file);
+    if (f.GetNumChans(0x8000) == 0)
+        throw std::runtime_error(o.file + " has no trigger channel (type bit 0x8000)");
+    TerminalProgress progress("searching");
+    ecEventList events;
+    ecFilebase* reader = f.GetActiveFile();
+    if (o.words)
+        reader->FindAllTriggersDig(&events, 2, static_cast<float>(o.threshold), o.deadTime, false,
+                                   static_cast<int>(o.mask), &progress);
+    else
+        reader->FindAllTriggers(&events, 0, static_cast<float>(o.threshold), o.deadTime, o.digital, &progress);
+    if (progress.CheckCancelButton()) {
+        std::fprintf(stderr, "cancelled\n");
+        return 130;
+    }
+    PrintEvents(events, o.json);
+    return 0;
+}
+
+int RunPlot(const Options& o)
+{
+    CFilelib f;
+    Open(f, o.file);
+    const std::vector<int> channels = SelectChannels(f, o.channels);
+    const double rate = f.GetSampleRate();
+    const long available = std::max(0L, f.GetNumSlices() - o.first);
+    const long count = std::min(available, o.count >= 0 ? o.count : static_cast<long>(std::lround(10 * rate)));
+    const std::string svg = RenderSvg(f, o.file, o.first, count, channels);
+    std::ofstream out(o.out, std::ios::binary | std::ios::trunc);
+    out << svg;
+    if (!out)
+        throw std::runtime_error("cannot write " + o.out);
+    std::printf("wrote %s (%zu channels, %ld slices from %ld)\n", o.out.c_str(), channels.size(), count, o.first);
+    return 0;
+}

@@ -1,0 +1,157 @@
+// filelib: read any supported recording from the command line.
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <sstream>
+
+#include "Commands.h"
+#include "filelib/ReaderTable.h"
+#include "filelib/ecBase.h"
+
+namespace {
+
+struct Command {
+    int (*run)(const Options&);
+    const char* usage;
+    const char* help;
+    bool needsOut;
+};
+
+const std::map<std::string, Command>& Commands()
+{
+    static const std::map<std::string, Command> commands = {
+        {"info", {RunInfo, "filelib info FILE [--json]",
+                  "Format, code, run type, time base, events count and the channels table.", false}},
+        {"events", {RunEvents, "filelib events FILE [--json]", "The recording's event list.", false}},
+        {"dump", {RunDump, "filelib dump FILE [--first N] [--count N] [--channels a,b] [--csv|--json]",
+                  "Samples as delivered (volts for EEG), slice by slice; 10 slices from --first unless --count says.",
+                  false}},
+        {"stats", {RunStats, "filelib stats FILE",
+                   "Reads the whole recording block by block: per-channel min, max, mean, rms and the reading speed.",
+                   false}},
+        {"convert", {RunConvert, "filelib convert FILE OUT",
+                     "Writes OUT (raw 32-bit floats, slice after slice), OUT.orva_hdr (generic header) and OUT.evt "
+                     "(events); the copy reads back through filelib with the same metadata and samples.",
+                     true}},
+        {"triggers", {RunTriggers,
+                      "filelib triggers FILE [--threshold X] [--dead-time N] [--digital] [--words [--mask M]] [--json]",
+                      "Events found on trigger channels by threshold crossing (default threshold 0.5). --digital: a "
+                      "crossing counts only from an exact zero; --words: every change of the integer trigger word "
+                      "(masked with M) to a non-zero value; --dead-time: slices skipped after each event.",
+                      false}},
+        {"plot", {RunPlot, "filelib plot FILE --out FILE.svg [--first N] [--count N] [--channels a,b]",
+                  "An SVG of stacked traces with channel names, a time axis in seconds and event markers (10 s unless "
+                  "--count says).",
+                  false}},
+    };
+    return commands;
+}
+
+void ProgramHelp(std::ostream& out)
+{
+    out << "filelib: read EEG/MEG recordings of many acquisition systems.\n\nUsage:\n";
+    for (const auto& [name, cmd] : Commands())
+        out << "  " << cmd.usage << "\n";
+    out << "\nfilelib COMMAND --help explains a command. Exit status: 0 done, 1 error, 2 file not recognised.\n"
+        << "Supported formats: " << SupportedFormatsText() << ".\n";
+}
+
+long Number(const std::string& option, const char* text)
+{
+    char* stop = nullptr;
+    const long v = std::strtol(text, &stop, 10);
+    if (!*text || *stop)
+        throw std::runtime_error(option + " needs a whole number, not \"" + text + "\"");
+    return v;
+}
+
+std::vector<std::string> SplitCommas(const std::string& s)
+{
+    std::vector<std::string> out;
+    std::stringstream in(s);
+    for (std::string item; std::getline(in, item, ',');)
+        if (!item.empty())
+            out.push_back(item);
+    return out;
+}
+
+Options Parse(const std::string& command, int argc, char** argv)
+{
+    Options o;
+    std::vector<std::string> positional;
+    for (int i = 2; i < argc; ++i) {
+        const std::string a = argv[i];
+        auto value = [&]() -> const char* {
+            if (i + 1 >= argc)
+                throw std::runtime_error(a + " needs a value");
+            return argv[++i];
+        };
+        if (a == "--json") o.json = true;
+        else if (a == "--csv") o.csv = true;
+        else if (a == "--digital") o.digital = true;
+        else if (a == "--words") o.words = true;
+        else if (a == "--first") o.first = Number(a, value());
+        else if (a == "--count") o.count = Number(a, value());
+        else if (a == "--dead-time") o.deadTime = static_cast<int>(Number(a, value()));
+        else if (a == "--mask") o.mask = Number(a, value());
+        else if (a == "--channels") o.channels = SplitCommas(value());
+        else if (a == "--out") o.out = value();
+        else if (a == "--threshold") {
+            const char* text = value();
+            char* stop = nullptr;
+            o.threshold = std::strtod(text, &stop);
+            if (!*text || *stop)
+                throw std::runtime_error("--threshold needs a number, not \"" + std::string(text) + "\"");
+        } else if (a.size() > 1 && a[0] == '-')
+            throw std::runtime_error("unknown option " + a + " for " + command);
+        else
+            positional.push_back(a);
+    }
+    const bool needsOut = Commands().at(command).needsOut;
+    if (positional.size() != (needsOut ? 2u : 1u))
+        throw std::runtime_error(std::string("usage: ") + Commands().at(command).usage);
+    o.file = positional[0];
+    if (needsOut)
+        o.out = positional[1];
+    if (command == "plot" && o.out.empty())
+        throw std::runtime_error("plot needs --out FILE.svg");
+    return o;
+}
+
+bool WantsHelp(int argc, char** argv)
+{
+    for (int i = 2; i < argc; ++i)
+        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h"))
+            return true;
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help")) {
+        ProgramHelp(std::cout);
+        return argc < 2 ? 1 : 0;
+    }
+    const auto found = Commands().find(argv[1]);
+    if (found == Commands().end()) {
+        std::cerr << "filelib: unknown command \"" << argv[1] << "\"\n\n";
+        ProgramHelp(std::cerr);
+        return 1;
+    }
+    if (WantsHelp(argc, argv)) {
+        std::cout << "Usage: " << found->second.usage << "\n\n" << found->second.help << "\n";
+        return 0;
+    }
+    try {
+        return found->second.run(Parse(found->first, argc, argv));
+    } catch (const Unrecognized& e) {
+        std::cerr << "filelib: " << e.what() << "\n";
+        return 2;
+    } catch (const std::exception& e) {
+        std::cerr << e.what() << "\n";
+        return 1;
+    }
+}
