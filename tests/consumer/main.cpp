@@ -1,20 +1,16 @@
+// Embeds the installed library through its one public header, as an application would.
 #include <cstdio>
 
-#include "filelib/ecFilebase.h"
-
-class Tiny : public ecFilebase {
-public:
-    void Initialize(int) override { SetNumChans(2); }
-    int ReadData(ecLabeledMatrix<float>&, int, int) override { return 0; }
-    int InitialEventList(ecEventList*, ecProgressDlg*) override { return 0; }
-};
+#include "filelib/filelib.h"
 
 int main()
 {
-    Tiny t;
-    t.Initialize(0);
-    std::string name;
-    t.GetChanName(1, name);
-    std::printf("consumer sees %d channels, second named %s\n", t.GetNumChans(), name.c_str());
-    return t.GetNumChans() == 2 && name == "2" ? 0 : 1;
+    CFilelib facade;
+    std::string none = "/nonexistent/recording.cnt";
+    const int code = facade.GuessFileMFR(none);
+    ecLabeledMatrix<float> block;
+    block.resize(2, 3, 0, 0);
+    std::printf("consumer: detection code %d, no reader -> %d channels, block %ldx%ld\n", code, facade.GetNumChans(),
+                block.nrow(), block.ncol());
+    return code == 0 && facade.GetNumChans() == 0 && block.ncol() == 3 ? 0 : 1;
 }
