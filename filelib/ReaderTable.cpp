@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "filelib/readers/EDF_BDF.h"
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/neuroscn.h"
 
@@ -30,6 +31,8 @@ const std::vector<ecReaderEntry>& ReaderTable()
     static const std::vector<ecReaderEntry> table = SortedByProbe({
         // code, class, format, probe position, Initialize argument, factory, pre-check
         {2, "CGeneric", "ORVA generic (.orva_hdr + raw data)", 1, 0, &Create<CGeneric>, &GenericHeaderParses},
+        {22, "CEDF_BDF", "BDF / BDF+ (BioSemi, 24-bit)", 3, 3, &Create<CEDF_BDF>, nullptr},
+        {21, "CEDF_BDF", "EDF / EDF+ (16-bit)", 4, 2, &Create<CEDF_BDF>, nullptr},
         {4, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
     });
     return table;

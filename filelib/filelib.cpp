@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "filelib/ReaderTable.h"
+#include "filelib/readers/EDF_BDF.h"
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/neuroscn.h"
 
@@ -133,7 +134,16 @@ int CFilelib::GetValidEpochCnt() { return m_activeFile ? m_activeFile->GetValidE
 void CFilelib::SetEpochReviewMode(bool on) { Quietly(&ecFilebase::SetEpochReviewMode, on); }
 bool CFilelib::IsEpochReviewMode() { return m_activeFile && m_activeFile->IsEpochReviewMode(); }
 
-int CFilelib::GetNumChans() { return m_activeFile ? m_activeFile->GetNumChans() : 0; }
+int CFilelib::GetNumChans()
+{
+    if (!m_activeFile)
+        return 0;
+    // The EDF annotation signal is the reader's last channel; callers of the facade do not see it.
+    if (m_activeFile->GetFileMFR() == 21)
+        if (auto* edf = dynamic_cast<CEDF_BDF*>(m_activeFile.get()); edf && edf->GetAnnotationSignal() != -1)
+            return edf->GetNumChans() - 1;
+    return m_activeFile->GetNumChans();
+}
 
 int CFilelib::GetNumChans(int typeMask)
 {
