@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
+#include "filelib/readers/BrainVision.h"
 #include "filelib/readers/EDF_BDF.h"
+#include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/neuroscn.h"
 
@@ -34,6 +36,8 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {22, "CEDF_BDF", "BDF / BDF+ (BioSemi, 24-bit)", 3, 3, &Create<CEDF_BDF>, nullptr},
         {21, "CEDF_BDF", "EDF / EDF+ (16-bit)", 4, 2, &Create<CEDF_BDF>, nullptr},
         {4, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
+        {29, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
+        {44, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
     });
     return table;
 }

@@ -202,7 +202,7 @@ int RunDump(const Options& o)
         std::cout << sep << Name(f, c);
     std::cout << "\n";
     for (int s = 0; s < n; ++s) {
-        std::cout << o.first + s << sep << JsonNumber((o.first + s) / rate);
+        std::cout << o.first + s << sep << JsonFloat(static_cast<float>((o.first + s) / rate));
         for (int c : channels)
             std::cout << sep << JsonFloat(m[c][s]);
         std::cout << "\n";

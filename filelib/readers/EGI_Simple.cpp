@@ -1,0 +1,203 @@
+#include "filelib/readers/EGI_Simple.h"
+
+#include <algorithm>
+#include <climits>
+
+#include "companion/ByteCursor.h"
+#include "companion/Utility.h"
+
+namespace {
+
+constexpr size_t kFixedBytes = 30;
+constexpr long long kSegmentHeaderBytes = 6;  // category (int16), time stamp (int32)
+constexpr size_t kRawBlockBytes = 1u << 20;
+
+bool Segmented(int version) { return version == 3 || version == 5 || version == 7; }
+
+int BytesOf(int version) { return version <= 3 ? 2 : version <= 5 ? 4 : 8; }
+
+double Sample(const uint8_t* p, int bytes)
+{
+    if (bytes == 2)
+        return static_cast<int16_t>(LoadU16BE(p));
+    if (bytes == 4)
+        return BitsToFloat(LoadU32BE(p));
+    return BitsToDouble(LoadU64BE(p));
+}
+
+}  // namespace
+
+EGI_Simple::EGI_Simple(const char* fileName) { SetInputFileName(fileName ? fileName : ""); }
+
+void EGI_Simple::Fail(const std::string& text)
+{
+    CloseInputFile();
+    throw ecError(("[EGI_Simple::Initialize] " + text).c_str(), 1, 0, -1, -1);
+}
+
+void EGI_Simple::Initialize(int)
+{
+    const std::string name = GetInputFileName();
+    FILE* fp = std::fopen(name.c_str(), "rb");
+    if (!fp)
+        Fail("Cannot open file: " + name);
+    CloseInputFile();
+    SetInputFilePointer(fp);
+    const long long fileSize = FileLength(fp);
+    // The header may be long (categories, event codes), but never beyond 64 KiB of fields.
+    std::vector<uint8_t> head(static_cast<size_t>(std::clamp<long long>(fileSize, 0, 1 << 16)));
+    if (head.size() < kFixedBytes || ReadAt(fp, 0, head.data(), head.size()) != head.size())
+        Fail("Not an EGI simple binary file: " + name);
+    ByteCursor h(head.data(), head.size());
+    m_version = h.i32be(0);
+    const int month = h.i16be(6), day = h.i16be(8), hour = h.i16be(10), minute = h.i16be(12), second = h.i16be(14);
+    const bool signature = m_version >= 2 && m_version <= 7 && month >= 1 && month <= 12 && day >= 1 && day <= 31 &&
+                           hour >= 0 && hour < 24 && minute >= 0 && minute < 60 && second >= 0 && second < 61;
+    if (!signature)
+        Fail("Not an EGI simple binary file: " + name);
+    SetFileMFR(44);
+
+    const int rate = h.i16be(20);
+    m_eegChannels = h.i16be(22);
+    const int bits = h.i16be(26), range = h.i16be(28);
+    if (rate <= 0)
+        Fail("The sampling rate is " + std::to_string(rate) + ".");
+    if (m_eegChannels <= 0)
+        Fail("The header declares " + std::to_string(m_eegChannels) + " channels.");
+    m_bytes = BytesOf(m_version);
+    m_microvoltsPerUnit = m_bytes == 2 && bits > 0 && bits < 31 && range > 0 ? range / static_cast<double>(1LL << bits) : 1.0;
+
+    h.seek(kFixedBytes);
+    m_categories.clear();
+    std::vector<std::string> codes;
+    try {
+        if (Segmented(m_version)) {
+            const int categories = h.next_i16be();
+            for (int k = 0; k < categories; ++k)
+                m_categories.push_back(h.next_str(h.next_u8()));
+            m_segments = h.next_i16be();
+        }
+        m_segmentSamples = h.next_i32be();
+        m_eventChannels = h.next_i16be();
+        for (int e = 0; e < m_eventChannels; ++e) {
+            std::string code = h.next_str(4);
+            codes.push_back(code.erase(code.find_last_not_of(' ') + 1));
+        }
+    } catch (const ecError&) {
+        Fail("The header of " + name + " is cut short.");
+    }
+    if (m_segments < 0 || m_segmentSamples < 0 || m_eventChannels < 0)
+        Fail("The header declares a negative number of segments, samples or events.");
+    SetNumChans(m_eegChannels + m_eventChannels);
+    for (int e = 0; e < m_eventChannels; ++e) {
+        SetChanName(m_eegChannels + e, codes[static_cast<size_t>(e)]);
+        SetChanType(m_eegChannels + e, kChanTrigger);
+    }
+    m_dataStart = static_cast<long long>(h.tell());
+    const long long sliceBytes = static_cast<long long>(m_eegChannels + m_eventChannels) * m_bytes;
+    const long long segmentBytes =
+        (Segmented(m_version) ? kSegmentHeaderBytes : 0) + m_segmentSamples * sliceBytes;
+    const long long needed = m_dataStart + m_segments * segmentBytes;
+    if (needed > fileSize)
+        Fail("The file holds " + std::to_string(fileSize) + " bytes; the header implies " + std::to_string(needed) + ".");
+    const long long slices = m_segments * m_segmentSamples;
+    if (slices > INT_MAX)
+        Fail("The recording holds more than 2147483647 slices.");
+
+    for (int c = 0; c < m_eegChannels; ++c) {
+        std::string label = "E" + std::to_string(c + 1), volts = "V";
+        SetChanName(c, label);
+        SetChanUnit(c, volts);
+        SetChanScale(c, static_cast<float>(m_microvoltsPerUnit * 1e-6));
+    }
+    SetSampleRate(static_cast<float>(rate), 0);
+    SetNumSlices(static_cast<int>(slices));
+    SetRunType(Segmented(m_version) ? kRunMultiEpoch : kRunContinuous);
+    SetNumEpochs(static_cast<int>(m_segments));
+    SetEpochSlices(static_cast<int>(m_segmentSamples));
+    SetValidEpochCnt(static_cast<int>(m_segments));
+}
+
+long long EGI_Simple::SliceOffset(long long slice) const
+{
+    const long long sliceBytes = static_cast<long long>(m_eegChannels + m_eventChannels) * m_bytes;
+    if (!Segmented(m_version))
+        return m_dataStart + slice * sliceBytes;
+    const long long segment = slice / m_segmentSamples, within = slice % m_segmentSamples;
+    return m_dataStart + segment * (kSegmentHeaderBytes + m_segmentSamples * sliceBytes) + kSegmentHeaderBytes +
+           within * sliceBytes;
+}
+
+int EGI_Simple::ReadData(ecLabeledMatrix<float>& data, int first, int count)
+{
+    if (first < 0 || count < 0)
+        throw ecError("[EGI_Simple::ReadData] Slices out of range.", 1, 0, -1, -1);
+    const long long n = std::clamp<long long>(static_cast<long long>(GetNumSlices()) - first, 0, count);
+    const long channels = GetNumChans();
+    data.resize(channels, static_cast<long>(n), 0, 0);
+    LabelRows(data);
+    const long long sliceBytes = static_cast<long long>(channels) * m_bytes;
+    const long long perBlock = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / sliceBytes);
+    for (long long done = 0; done < n;) {
+        // A block never crosses a segment header.
+        const long long slice = first + done;
+        const long long segmentLeft = Segmented(m_version) ? m_segmentSamples - slice % m_segmentSamples : n - done;
+        const long long take = std::min({perBlock, n - done, segmentLeft});
+        m_raw.resize(static_cast<size_t>(take * sliceBytes));
+        if (ReadAt(GetInputFilePointer(), SliceOffset(slice), m_raw.data(), m_raw.size()) != m_raw.size())
+            throw ecError("[EGI_Simple::ReadData] Error in reading the data file.", 1, 0, -1, -1);
+        for (long c = 0; c < channels; ++c) {
+            const double factor = c < m_eegChannels ? m_microvoltsPerUnit * 1e-6 : 1.0;
+            const uint8_t* src = m_raw.data() + c * m_bytes;
+            float* dst = data[c] + done;
+            for (long long i = 0; i < take; ++i, src += sliceBytes)
+                dst[i] = static_cast<float>(Sample(src, m_bytes) * factor);
+        }
+        done += take;
+    }
+    return static_cast<int>(n);
+}
+
+int EGI_Simple::InitialEventList(ecEventList* events, ecProgressDlg*)
+{
+    if (!events)
+        return 0;
+    int appended = 0;
+    if (Segmented(m_version)) {
+        for (long long s = 0; s < m_segments; ++s) {
+            uint8_t header[2];
+            const long long at = SliceOffset(s * m_segmentSamples) - kSegmentHeaderBytes;
+            const int category = ReadAt(GetInputFilePointer(), at, header, 2) == 2 ? static_cast<int16_t>(LoadU16BE(header)) : -1;
+            ecEvent boundary;
+            boundary.SetBegin(static_cast<long>(s * m_segmentSamples));
+            boundary.SetSegmentBoundaryDefaults();
+            if (category >= 1 && static_cast<size_t>(category) <= m_categories.size())
+                boundary.SetEventName(m_categories[static_cast<size_t>(category) - 1]);
+            events->AppendOneEvent(boundary);
+            ++appended;
+        }
+    }
+    if (m_eventChannels == 0)
+        return appended;
+    ecLabeledMatrix<float> block;
+    for (int first = 0; first < GetNumSlices(); first += 5000) {
+        const int n = ReadData(block, first, 5000);
+        for (int t = 0; t < n; ++t) {
+            for (int e = 0; e < m_eventChannels; ++e) {
+                if (block[m_eegChannels + e][t] == 0.0f)
+                    continue;
+                std::string code;
+                GetChanName(m_eegChannels + e, code);
+                ecEvent event;
+                event.SetEventName(code);
+                event.SetEventCode(e + 1);
+                event.SetKind(2);
+                event.SetBegin(first + t);
+                event.SetEnd(first + t);
+                events->AppendOneEvent(event);
+                ++appended;
+            }
+        }
+    }
+    return appended;
+}
