@@ -1,0 +1,225 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <functional>
+
+#include "filelib/filelib.h"
+#include "filelib/readers/ERPSS.h"
+#include "fixtures/Bytes.h"
+
+namespace {
+std::string Message(const std::function<void()>& f)
+{
+    try {
+        f();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "(nothing raised)";
+}
+
+// Packs nibbles into 16-bit words, most significant nibble first.
+std::vector<uint16_t> Pack(const std::vector<int>& nibbles)
+{
+    std::vector<uint16_t> words((nibbles.size() + 3) / 4, 0);
+    for (size_t i = 0; i < nibbles.size(); ++i)
+        words[i / 4] |= static_cast<uint16_t>(nibbles[i] << ((3 - i % 4) * 4));
+    return words;
+}
+
+// The smallest code for each value: absolute for a channel's first sample and for jumps beyond
+// 9 bits (values within 12 bits), else a delta.
+std::vector<int> Encode(const std::vector<std::vector<int>>& slices)
+{
+    std::vector<int> n;
+    for (size_t s = 0; s < slices.size(); ++s) {
+        for (size_t c = 0; c < slices[s].size(); ++c) {
+            const int v = slices[s][c];
+            const int d = s ? static_cast<int16_t>(v - slices[s - 1][c]) : 0;
+            if (s == 0 || d < -256 || d > 255) {
+                n.insert(n.end(), {14, (v >> 8) & 15, (v >> 4) & 15, v & 15});
+            } else if (d >= -4 && d <= 3) {
+                n.push_back(d & 7);
+            } else if (d >= -32 && d <= 31) {
+                n.insert(n.end(), {8 | ((d >> 4) & 3), d & 15});
+            } else {
+                n.insert(n.end(), {12 | ((d >> 8) & 1), (d >> 4) & 15, d & 15});
+            }
+        }
+    }
+    return n;
+}
+
+struct ErpssRecord {
+    std::vector<std::vector<int>> slices;  // [sample][channel]
+    std::vector<std::array<int, 3>> events;  // offset, condition, code
+    std::vector<uint16_t> compressedOverride;
+};
+
+Bytes ErpssFile(bool compressed, int channels, int points, const std::vector<ErpssRecord>& records,
+                uint16_t period = 4000)
+{
+    Bytes b;
+    b.u16le(0x55AA).u16le(0xB0).u16le(compressed ? 1 : 0).u16le(static_cast<uint16_t>(channels));
+    b.zeros(18 - 8).u16le(static_cast<uint16_t>(points)).zeros(512 - 20);
+    for (const ErpssRecord& r : records) {
+        std::vector<uint16_t> words = r.compressedOverride.empty() ? Pack(Encode(r.slices)) : r.compressedOverride;
+        Bytes h;
+        h.u16le(0x55AA).u16le(0xF0).u16le(compressed ? 1 : 0).u16le(static_cast<uint16_t>(channels)).zeros(2);
+        h.u16le(static_cast<uint16_t>(r.slices.size())).zeros(20 - 12).u16le(static_cast<uint16_t>(r.events.size()));
+        h.u16le(compressed ? static_cast<uint16_t>(words.size()) : 0).zeros(40 - 24).u16le(period).zeros(72 - 42);
+        for (const auto& e : r.events)
+            h.u8(static_cast<uint8_t>(e[0])).u8(static_cast<uint8_t>(e[1])).u16le(static_cast<uint16_t>(e[2]));
+        h.zeros(512 - 72 - 4 * r.events.size());
+        for (uint8_t byte : h.data())
+            b.u8(byte);
+        if (compressed)
+            for (uint16_t w : words)
+                b.u16le(w);
+        else
+            for (const auto& slice : r.slices)
+                for (int v : slice)
+                    b.i16le(static_cast<int16_t>(v));
+    }
+    return b;
+}
+
+// A probe reader that decodes a hand-made nibble stream through the protected decoder.
+class Decoder : public ecERPSS {
+public:
+    Decoder(const std::string& path) : ecERPSS(path.c_str()) { Initialize(0); }
+    std::vector<int16_t> Decode(const std::vector<int>& nibbles)
+    {
+        const std::vector<uint16_t> words = Pack(nibbles);
+        std::copy(words.begin(), words.end(), m_psBuffComp.begin());
+        Uncompress(static_cast<int>(words.size()));
+        return m_psBuff;
+    }
+};
+
+const std::vector<std::vector<int>> kSlices = {
+    {100, -2048, 2047}, {83, -2045, 2047}, {80, -1790, 1791}, {95, -2000, 2040}, {-300, 0, 2047}};
+}  // namespace
+
+TEST(ERPSS, NibbleClassesDecodeExactly)
+{
+    TempDir dir;
+    ErpssFile(true, 1, 2, {{{{0}, {0}}, {}, {}}}).write(dir.path("one.raw"));
+    Decoder d(dir.path("one.raw"));
+    EXPECT_EQ(d.Decode({14, 8, 0, 0, 14, 7, 15, 15}), (std::vector<int16_t>{-2048, 2047}));
+    EXPECT_EQ(d.Decode({14, 0, 6, 4, 10, 15}), (std::vector<int16_t>{100, 83}));  // delta -17
+    EXPECT_EQ(d.Decode({14, 0, 6, 4, 5}), (std::vector<int16_t>{100, 97}));      // delta -3
+    EXPECT_EQ(d.Decode({14, 0, 6, 4, 13, 0, 0}), (std::vector<int16_t>{100, -156}));  // 9-bit -256
+    EXPECT_EQ(d.Decode({14, 0, 6, 4, 12, 15, 15}), (std::vector<int16_t>{100, 355}));  // 9-bit +255
+    EXPECT_EQ(d.Decode({14, 0, 6, 4, 9, 15}), (std::vector<int16_t>{100, 131}));      // 6-bit +31
+    EXPECT_EQ(Message([&] { d.Decode({5, 0}); }), "[ecERPSS::Uncompress] Out of bounds error (1)");
+    EXPECT_EQ(Message([&] { d.Decode({14, 0, 0, 0, 15}); }), "[ecERPSS::Uncompress] Compressed data corrupt? (2)");
+    EXPECT_EQ(Message([&] { d.Decode({14, 0, 0}); }),
+              "[ecERPSS::Uncompress] Compressed data ended before the record was complete.");
+}
+
+TEST(ERPSS, CompressedAndPlainFilesReadIdenticallyThroughTheFacade)
+{
+    TempDir dir;
+    ErpssRecord r1{{kSlices[0], kSlices[1], kSlices[2]}, {{0, 1, 7}, {2, 3, 65535}}, {}};
+    ErpssRecord r2{{kSlices[3], kSlices[4], kSlices[0]}, {{1, 0, 65534}}, {}};
+    ErpssFile(true, 3, 3, {r1, r2}).write(dir.path("c.raw"));
+    ErpssFile(false, 3, 3, {r1, r2}).write(dir.path("u.raw"));
+    ecLabeledMatrix<float> mc, mu;
+    for (const char* file : {"c.raw", "u.raw"}) {
+        SCOPED_TRACE(file);
+        CFilelib f;
+        std::string name = dir.path(file);
+        ASSERT_EQ(f.GuessFileMFR(name), 28);
+        f.Initialize(0);
+        EXPECT_EQ(f.GetNumChans(), 3);
+        EXPECT_EQ(f.GetNumSlices(), 6);
+        EXPECT_FLOAT_EQ(f.GetSampleRate(), 250.0f);
+        std::string unit;
+        f.GetChanUnit(0, unit);
+        EXPECT_EQ(unit, "");
+        ecLabeledMatrix<float>& m = std::string(file) == "c.raw" ? mc : mu;
+        ASSERT_EQ(f.ReadData(m, 1, 5), 5);
+        for (int t = 0; t < 5; ++t)
+            for (int c = 0; c < 3; ++c)
+                EXPECT_EQ(m[c][t], static_cast<float>((t < 2 ? r1.slices[t + 1] : r2.slices[t - 2])[c]));
+        ecEventList events;
+        ASSERT_EQ(f.InitialEventList(&events, nullptr), 3);
+        EXPECT_EQ(events.GetEvent(0).GetEventName(), "1-7");
+        EXPECT_EQ(events.GetEvent(1).GetEventName(), "PAUSE");
+        EXPECT_EQ(events.GetEvent(1).GetBegin(), 2);
+        EXPECT_EQ(events.GetEvent(2).GetEventName(), "DELETE");
+        EXPECT_EQ(events.GetEvent(2).GetBegin(), 4);
+    }
+    for (int c = 0; c < 3; ++c)
+        for (int t = 0; t < 5; ++t)
+            EXPECT_EQ(mc[c][t], mu[c][t]);
+}
+
+TEST(ERPSS, RecordCacheWrapAroundAndCorruptFiles)
+{
+    TempDir dir;
+    // 16-bit wrap-around: 32767 + 1 through deltas (an absolute start of 2047, then +255 steps).
+    std::vector<std::vector<int>> ramp;
+    for (int v = 2047, s = 0; s < 130; ++s, v = static_cast<int16_t>(v + 255))
+        ramp.push_back({v});
+    ErpssFile(true, 1, 130, {{ramp, {}, {}}}).write(dir.path("wrap.raw"));
+    ecERPSS wrap(dir.path("wrap.raw").c_str());
+    wrap.Initialize(0);
+    ecLabeledMatrix<float> m;
+    ASSERT_EQ(wrap.ReadData(m, 0, 130), 130);
+    EXPECT_EQ(m[0][129], static_cast<float>(static_cast<int16_t>(2047 + 129 * 255)));
+    EXPECT_LT(m[0][129], 0.0f);  // wrapped
+    const int reads = wrap.GetRecordReads();
+    wrap.ReadData(m, 5, 3);
+    wrap.ReadData(m, 100, 3);
+    EXPECT_EQ(wrap.GetRecordReads(), reads);  // the same record is read once
+
+    const std::string p = "[ecERPSS::";
+    auto initError = [&](const Bytes& file) {
+        file.write(dir.path("bad.raw"));
+        ecERPSS r(dir.path("bad.raw").c_str());
+        return Message([&] { r.Initialize(0); });
+    };
+    ErpssRecord tooBig{{{1}}, {}, std::vector<uint16_t>(5, 0xE000)};
+    EXPECT_EQ(initError(ErpssFile(true, 1, 2, {tooBig})), p + "SetRecordOffsets] Compressed record size exceeds maximum");
+    Bytes wrongKind = ErpssFile(false, 1, 1, {{{{1}}, {}, {}}});
+    wrongKind.put_u16le(512 + 2, 0xF1);
+    EXPECT_EQ(initError(wrongKind), p + "SetRecordOffsets] Invalid ERPSS record header encountered");
+    Bytes truncated = ErpssFile(false, 1, 1, {{{{1}}, {}, {}}});
+    std::vector<uint8_t> bytes(truncated.data().begin(), truncated.data().end() - 1);
+    Bytes cut;
+    for (uint8_t b : bytes)
+        cut.u8(b);
+    EXPECT_EQ(initError(cut), p + "SetRecordOffsets] Internal inconsistency (size mismatch)");
+    Bytes badHeader = ErpssFile(false, 0, 1, {});
+    EXPECT_EQ(initError(badHeader), p + "Initialize] Invalid ERPSS header: " + dir.path("bad.raw"));
+    EXPECT_EQ(initError(Bytes().zeros(100)), p + "Initialize] Failed to read ERPSS raw header in file");
+
+    ErpssRecord deltaFirst{{{1}, {2}}, {}, Pack({5, 0, 0, 0})};
+    ErpssFile(true, 1, 2, {deltaFirst}).write(dir.path("delta.raw"));
+    ecERPSS delta(dir.path("delta.raw").c_str());
+    delta.Initialize(0);
+    EXPECT_EQ(Message([&] { delta.ReadData(m, 0, 1); }), p + "Uncompress] Out of bounds error (1)");
+
+    ErpssRecord manyEvents{{{1}}, std::vector<std::array<int, 3>>(1, {0, 0, 1}), {}};
+    Bytes events = ErpssFile(false, 1, 1, {manyEvents});
+    events.put_u16le(512 + 20, 111);
+    events.write(dir.path("events.raw"));
+    ecERPSS tooMany(dir.path("events.raw").c_str());
+    tooMany.Initialize(0);
+    ecEventList list;
+    EXPECT_EQ(Message([&] { tooMany.InitialEventList(&list, nullptr); }),
+              p + "InitialEventList] Inconsistent number of events");
+
+    // The other byte order: headers are read, samples refused.
+    Bytes swabbed;
+    for (size_t i = 0; i < events.data().size(); i += 2)
+        swabbed.u8(events.data()[i + 1]).u8(events.data()[i]);
+    swabbed.write(dir.path("swab.raw"));
+    ecERPSS swab(dir.path("swab.raw").c_str());
+    swab.Initialize(0);
+    EXPECT_EQ(Message([&] { swab.ReadData(m, 0, 1); }),
+              "[ecERPSS::ReadData] Reading of 'swabbed' data has not been tested in this release.  Please contact KVI "
+              "for current status.");
+}
