@@ -1,0 +1,172 @@
+// ecNeuromag_FIFF: Neuromag / Elekta / MEGIN FIFF raw recordings.
+//
+// The tag layer walks the whole tag chain once into a directory (one FIFF_TagRec per tag) and
+// answers every question by searching it by kind name and reading tag data on demand.
+// The reader around it:
+//  - claims a file whose first tag is FILE_ID (code 20);
+//  - channels from the CH_INFO list (after its one-step "x" renaming of duplicate names):
+//    MEG 0x200, EEG/EOG/ECG/EMG 0x400, stimulus 0x8000, others 0; units "T", "T/m", "V" (or
+//    empty) in SI, the unit multiplier kept as a display hint (use-SI-prefix flag), scale =
+//    cal x range, and values delivered as raw x range x cal (a negative calibration is applied
+//    as stored);
+//  - slices from the raw DATA_BUFFER tags (16/32-bit integers, float, double) in file order,
+//    DATA_SKIP / DATA_SKIP_SAMP gaps read as zeros; slice 0 is the first stored sample, whose
+//    acquisition sample number (FIRST_SAMPLE) is GetFirstSampleNumber();
+//  - events: every rise of a stimulus channel's integer value (rounded) to a larger non-zero
+//    value, named by the new value (slice 0 never fires).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "filelib/ecFilebase.h"
+
+struct FIFF_TagRec {
+    uint32_t kind = 0;
+    uint32_t type = 0;
+    uint32_t size = 0;
+    uint32_t next = 0;
+    std::string name;
+    long long dataPos = 0;  // absolute position of the first data byte
+};
+
+// A tag with its data, for callers that want a whole tag at once.
+struct FIFF_Tag {
+    uint32_t kind = 0;
+    uint32_t type = 0;
+    uint32_t size = 0;
+    uint32_t next = 0;
+    std::vector<uint8_t> data;
+};
+
+// A 4-byte value with its bytes; reverse() turns a big-endian value into little-endian order.
+union FIFF_4Byte {
+    uint32_t u;
+    float f;
+    uint8_t b[4];
+    void reverse();
+};
+
+union FIFF_2Byte {
+    uint16_t u;
+    uint8_t b[2];
+    void swap();
+};
+
+struct FIFF_ChPos {
+    uint32_t coilType = 0;
+    float r0[3] = {0, 0, 0};
+    float ex[3] = {0, 0, 0};
+    float ey[3] = {0, 0, 0};
+    float ez[3] = {0, 0, 0};
+    std::string CoilType() const;
+};
+
+struct FIFF_ChInfo {
+    uint32_t scanNo = 0;
+    uint32_t logNo = 0;
+    uint32_t kind = 0;
+    float range = 0;
+    float cal = 0;
+    FIFF_ChPos chpos;
+    uint32_t unit = 0;
+    uint32_t unitMul = 0;
+    char name[16] = {};
+    std::string Kind() const;
+    std::string Name() const;  // the name field as a C string (at most 16 characters)
+};
+
+struct FIFF_CoordTrans {
+    uint32_t from = 0;
+    uint32_t to = 0;
+    float rot[3][3] = {};
+    float move[3] = {0, 0, 0};
+    float invrot[3][3] = {};
+    float invmove[3] = {0, 0, 0};
+    std::string Coord(bool fromFrame) const;
+};
+
+struct FIFF_DigPoint {
+    uint32_t kind = 0;
+    uint32_t ident = 0;
+    float r[3] = {0, 0, 0};
+    std::string Kind() const;
+};
+
+class ecNeuromag_FIFF : public ecFilebase {
+public:
+    explicit ecNeuromag_FIFF(const char* fileName);
+
+    ecFilebase* GetpNewFilebase(const char* name) override { return new ecNeuromag_FIFF(name); }
+    void Initialize(int arg) override;
+    int ReadData(ecLabeledMatrix<float>& data, int first, int count) override;
+    int InitialEventList(ecEventList* events, ecProgressDlg* progress) override;
+
+    // Tag layer.
+    unsigned long ReadUnsignedLong();
+    unsigned long ReadUnsignedLong(const FIFF_TagRec& rec);
+    float ReadFloat();
+    float ReadFloat(const FIFF_TagRec& rec);
+    bool ReadTagRecord(FIFF_TagRec& rec);
+    std::string IdentifyKind(unsigned long kind) const;
+    void ReadAllTagRecords();
+    void WriteTagRecords(const std::string& path) const;
+    unsigned long Get(const std::string& name);
+    unsigned long CountAfter(const std::string& name, const std::string& after) const;
+    unsigned long SizeAfter(const std::string& name, const std::string& after, long n) const;
+    bool NextAfter(const std::string& name, const std::string& after);
+    void ReadChPos(FIFF_ChPos& pos);
+    void ReadChInfo(const FIFF_TagRec& rec, FIFF_ChInfo& info);
+    void ReadCoordTrans(const FIFF_TagRec& rec, FIFF_CoordTrans& trans);
+    void ReadDigPoint(const FIFF_TagRec& rec, FIFF_DigPoint& point);
+    unsigned long GetNumChans_FIFF();
+    unsigned long GetNumEventChans_FIFF() const;
+    float GetSampleRate_FIFF();
+    long GetFirstSample_FIFF(long n);
+    long GetLastSample_FIFF(long n);
+    unsigned long SetChannelInformationVector();
+    unsigned long SetCoordinateTransformationVector();
+    unsigned long SetDigitizationPointVector();
+
+    const std::vector<FIFF_TagRec>& GetDirectory() const { return m_directory; }
+    const std::vector<FIFF_ChInfo>& GetChannelInformation() const { return m_chInfo; }
+    const std::vector<FIFF_CoordTrans>& GetCoordinateTransformations() const { return m_coordTrans; }
+    const std::vector<FIFF_DigPoint>& GetDigitizationPoints() const { return m_digPoints; }
+    // Fiducials by ident (1 left preauricular, 2 nasion, 3 right preauricular); false when absent.
+    bool GetFiducial(int ident, float out[3]) const;
+    size_t GetCursor() const { return m_cursor; }
+    void ResetCursor() { m_cursor = 0; }
+    long GetFirstSampleNumber() const { return m_firstSampleNumber; }
+
+private:
+    struct Buffer {
+        long long firstSlice;
+        long long slices;
+        long long dataPos;  // -1: a skip, read as zeros
+        int bytes;          // per value
+        uint32_t type;
+    };
+    const FIFF_TagRec* FindAfter(const std::string& name, const std::string& after, long n) const;
+    std::vector<uint8_t> ReadBytes(long long pos, size_t bytes);
+    void BuildBuffers();
+    void SetChannels();
+
+    std::vector<std::pair<std::string, unsigned long>> m_kindNames;
+    std::vector<FIFF_TagRec> m_directory;
+    size_t m_cursor = 0;
+    std::vector<FIFF_ChInfo> m_chInfo;
+    std::vector<FIFF_CoordTrans> m_coordTrans;
+    std::vector<FIFF_DigPoint> m_digPoints;
+    float m_lpa[3] = {0, 0, 0};
+    float m_rpa[3] = {0, 0, 0};
+    float m_nasion[3] = {0, 0, 0};
+    bool m_lpaFound = false;
+    bool m_rpaFound = false;
+    bool m_nasionFound = false;
+    long long m_fileSize = 0;
+    long m_firstSampleNumber = 0;
+    std::vector<Buffer> m_buffers;
+    std::vector<double> m_scales;
+    std::vector<uint8_t> m_raw;
+};
