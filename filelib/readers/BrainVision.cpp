@@ -53,15 +53,19 @@ std::string Latin1ToUtf8(const std::string& s)
     return out;
 }
 
-bool ReadText(const std::string& path, std::string& text)
+// At most `limit` bytes of a text file (false when the file is larger or unreadable).
+bool ReadText(const std::string& path, std::string& text, size_t limit = kMaxHeaderBytes)
 {
     std::ifstream in(path, std::ios::binary);
     if (!in)
         return false;
-    std::ostringstream s;
-    s << in.rdbuf();
-    text = s.str();
-    if (text.size() > kMaxHeaderBytes)
+    in.seekg(0, std::ios::end);
+    const std::streamoff size = in.tellg();
+    if (size < 0 || static_cast<unsigned long long>(size) > limit)
+        return false;
+    in.seekg(0);
+    text.assign(static_cast<size_t>(size), '\0');
+    if (size > 0 && !in.read(&text[0], size))
         return false;
     if (text.compare(0, 3, "\xEF\xBB\xBF") == 0)
         text.erase(0, 3);
@@ -170,16 +174,30 @@ std::string BrainVision::Beside(const std::string& name, const char* what)
     return GetFileNameDirectory(GetInputFileName()) + name;
 }
 
+namespace {
+bool IsBrainVisionHeader(const std::string& path)
+{
+    char head[64] = {};
+    std::ifstream in(path, std::ios::binary);
+    in.read(head, sizeof head - 1);
+    std::string first(head, static_cast<size_t>(in.gcount()));
+    if (first.compare(0, 3, "\xEF\xBB\xBF") == 0)
+        first.erase(0, 3);
+    first = first.substr(0, first.find('\n'));
+    return (first.compare(0, 12, "Brain Vision") == 0 || first.compare(0, 11, "BrainVision") == 0) &&
+           first.find("Header File") != std::string::npos;
+}
+}  // namespace
+
 void BrainVision::Initialize(int)
 {
+    // The signature is in the first line; only a header is read whole.
+    if (!IsBrainVisionHeader(GetInputFileName()))
+        Fail("Not a BrainVision header: " + GetInputFileName());
+    SetFileMFR(29);
     std::string text;
     if (!ReadText(GetInputFileName(), text))
         Fail("Cannot read the header file " + GetInputFileName());
-    const std::string first = text.substr(0, text.find('\n'));
-    if ((first.compare(0, 12, "Brain Vision") != 0 && first.compare(0, 11, "BrainVision") != 0) ||
-        first.find("Header File") == std::string::npos)
-        Fail("Not a BrainVision header: " + GetInputFileName());
-    SetFileMFR(29);
 
     const Sections ini = ParseIni(text);
     const std::string dataFormat = Get(ini, "Common Infos", "DataFormat");

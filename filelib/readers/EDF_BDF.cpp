@@ -370,18 +370,18 @@ int CEDF_BDF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
                 if (s.annotation)
                     continue;
                 float* out = data[static_cast<long>(c)] + (from - first);
-                // The stored samples this slice range shows, decoded once.
-                const long i0 = static_cast<long>((from - start) * s.samples / m_fastest);
-                const long i1 = static_cast<long>((to - 1 - start) * s.samples / m_fastest);
                 const long present = static_cast<long>(std::clamp<long long>((avail - s.byteOffset) / m_bytes, 0, s.samples));
-                m_samples.assign(static_cast<size_t>(i1 - i0 + 1), 0.0f);
-                for (long i = i0; i <= i1 && i < present; ++i)
-                    m_samples[static_cast<size_t>(i - i0)] =
-                        static_cast<float>(Digital(record + s.byteOffset + i * m_bytes, m_bytes) * s.gain + s.offset);
+                const uint8_t* samples = record + s.byteOffset;
                 if (s.samples == m_fastest) {
-                    std::copy(m_samples.begin(), m_samples.end(), out);
+                    const long i0 = static_cast<long>(from - start), i1 = std::min<long>(static_cast<long>(to - start), present);
+                    DecodeRun(samples, i0, i1, s.gain, s.offset, out);
                     continue;
                 }
+                // A slower signal: the stored samples this slice range shows, decoded once, then held.
+                const long i0 = static_cast<long>((from - start) * s.samples / m_fastest);
+                const long i1 = static_cast<long>((to - 1 - start) * s.samples / m_fastest) + 1;
+                m_samples.assign(static_cast<size_t>(i1 - i0), 0.0f);
+                DecodeRun(samples, i0, std::min(i1, present), s.gain, s.offset, m_samples.data());
                 for (long long t = from; t < to; ++t)
                     out[t - from] = m_samples[static_cast<size_t>((t - start) * s.samples / m_fastest - i0)];
             }
@@ -389,6 +389,21 @@ int CEDF_BDF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
         r += group;
     }
     return static_cast<int>(n - missing);
+}
+
+// Samples [i0, i1) of one signal in one record into out[0 .. i1 - i0).
+void CEDF_BDF::DecodeRun(const uint8_t* samples, long i0, long i1, double gain, double offset, float* out) const
+{
+    if (m_bytes == 2) {
+        for (long i = i0; i < i1; ++i)
+            out[i - i0] = static_cast<float>(static_cast<int16_t>(LoadU16LE(samples + 2 * i)) * gain + offset);
+        return;
+    }
+    for (long i = i0; i < i1; ++i) {
+        const uint8_t* p = samples + 3 * i;
+        const int32_t v = static_cast<int32_t>(static_cast<uint32_t>(p[0] << 8 | p[1] << 16 | p[2] << 24)) >> 8;
+        out[i - i0] = static_cast<float>(v * gain + offset);
+    }
 }
 
 void CEDF_BDF::AnnotationEvents(ecEventList& events, int& appended)

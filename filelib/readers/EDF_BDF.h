@@ -60,6 +60,7 @@ private:
     std::vector<uint8_t> SignalBytes(long long record, const Signal& s);
     void AnnotationEvents(ecEventList& events, int& appended);
     void StatusEvents(ecEventList& events, int& appended);
+    void DecodeRun(const uint8_t* samples, long i0, long i1, double gain, double offset, float* out) const;
     long long RecordAt(long long slice) const;
     long long RecordStart(long long record) const;
     [[noreturn]] void Fail(const std::string& text);

@@ -1,0 +1,352 @@
+// Reading speed of every reader through CFilelib, beside a plain loop that freads the same file
+// in 1 MiB blocks and converts its samples with one scale factor (the practical limit).
+// The files are generated once per run in a temporary directory; FILELIB_BENCH_MB sets their
+// data size (default 256 MB each).
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "companion/ByteCursor.h"
+#include "filelib/filelib.h"
+#include "filelib/readers/Neuromag_FIFF.h"
+#include "fixtures/EdfFiles.h"
+#include "fixtures/NeuroscanFiles.h"
+
+namespace {
+
+constexpr int kChannels = 64;
+constexpr int kBlock = 5000;
+
+long long DataBytes()
+{
+    const char* mb = std::getenv("FILELIB_BENCH_MB");
+    return (mb ? std::atoll(mb) : 256) << 20;
+}
+
+// Appends `bytes` of pseudo-random samples to an open file, 1 MiB at a time.
+void AppendNoise(FILE* out, long long bytes)
+{
+    std::vector<uint8_t> chunk(1 << 20);
+    uint32_t state = 2463534242u;
+    for (auto& b : chunk) {
+        state ^= state << 13, state ^= state >> 17, state ^= state << 5;
+        b = static_cast<uint8_t>(state);
+    }
+    for (long long done = 0; done < bytes; done += static_cast<long long>(chunk.size()))
+        std::fwrite(chunk.data(), 1, static_cast<size_t>(std::min<long long>(bytes - done, chunk.size())), out);
+}
+
+struct Recording {
+    std::string path;
+    long long dataOffset;
+    long long dataBytes;
+    int sampleBytes;
+    bool bigEndian;
+    bool isFloat;
+};
+
+void WriteFile(const std::string& path, const Bytes& header, long long dataBytes, const Bytes& trailer = Bytes())
+{
+    FILE* out = std::fopen(path.c_str(), "wb");
+    std::fwrite(header.data().data(), 1, header.size(), out);
+    AppendNoise(out, dataBytes);
+    std::fwrite(trailer.data().data(), 1, trailer.size(), out);
+    std::fclose(out);
+}
+
+Recording Neuroscan(const std::string& dir, const char* name, int width, bool blocked)
+{
+    NeuroscanSpec spec;
+    spec.labels.clear();
+    for (int c = 0; c < kChannels; ++c)
+        spec.labels.push_back("E" + std::to_string(c + 1));
+    const long long sliceBytes = static_cast<long long>(kChannels) * width;
+    long long slices = DataBytes() / sliceBytes;
+    if (blocked)
+        slices -= slices % 1000;
+    const long long hs = static_cast<long long>(NeuroscanHeaderSize(kChannels));
+    spec.eventTablePos = static_cast<int32_t>(hs + slices * sliceBytes);
+    spec.numSamples = static_cast<uint32_t>(slices);
+    spec.continuousType = blocked ? 3 : 1;
+    spec.channelOffset = blocked ? 2000 : 0;
+    const std::string path = dir + "/" + name;
+    Bytes table;
+    table.u8(0).i32le(0).i32le(0);
+    WriteFile(path, NeuroscanHeader(spec), slices * sliceBytes, table);
+    return {path, hs, slices * sliceBytes, width, false, false};
+}
+
+Recording Edf(const std::string& dir, const char* name, bool bdf)
+{
+    EdfSpec spec;
+    spec.bdf = bdf;
+    const int bytes = bdf ? 3 : 2;
+    for (int c = 0; c < kChannels; ++c) {
+        EdfSignal s;
+        s.label = "E" + std::to_string(c + 1);
+        s.samples = 512;
+        spec.signals.push_back(s);
+    }
+    const long long recordBytes = 512LL * kChannels * bytes;
+    const long long records = DataBytes() / recordBytes;
+    spec.records = std::to_string(records);
+    const Bytes file = EdfFile(spec);  // header plus one record of zeros
+    Bytes header;
+    for (size_t i = 0; i < 256u * (kChannels + 1); ++i)
+        header.u8(file.data()[i]);
+    const std::string path = dir + "/" + name;
+    WriteFile(path, header, records * recordBytes);
+    return {path, static_cast<long long>(header.size()), records * recordBytes, bytes, false, false};
+}
+
+Bytes FiffTag(uint32_t kind, uint32_t type, const Bytes& data, uint32_t next = 0)
+{
+    Bytes b;
+    b.u32be(kind).u32be(type).u32be(static_cast<uint32_t>(data.size())).u32be(next);
+    for (uint8_t v : data.data())
+        b.u8(v);
+    return b;
+}
+
+void Append(Bytes& to, const Bytes& from)
+{
+    for (uint8_t v : from.data())
+        to.u8(v);
+}
+
+Bytes FiffHeader()
+{
+    Bytes h;
+    Append(h, FiffTag(100, 31, Bytes().zeros(20)));
+    Append(h, FiffTag(204, 3, Bytes().u32be(0)));
+    Append(h, FiffTag(200, 3, Bytes().u32be(kChannels)));
+    Append(h, FiffTag(201, 4, Bytes().f32be(1000.0f)));
+    for (int c = 0; c < kChannels; ++c) {
+        Bytes info;
+        info.u32be(static_cast<uint32_t>(c)).u32be(static_cast<uint32_t>(c)).u32be(1).f32be(1.0f).f32be(1e-13f);
+        info.zeros(52).u32be(112).u32be(0).text("MEG" + std::to_string(c), 16, '\0');
+        Append(h, FiffTag(203, 30, info));
+    }
+    return h;
+}
+
+Recording Fiff(const std::string& dir, const char* name, uint32_t type, int bytes)
+{
+    const long long bufferBytes = 1000LL * kChannels * bytes;
+    const long long buffers = DataBytes() / (bufferBytes + 16);
+    const std::string path = dir + "/" + name;
+    FILE* out = std::fopen(path.c_str(), "wb");
+    const Bytes header = FiffHeader();
+    std::fwrite(header.data().data(), 1, header.size(), out);
+    for (long long b = 0; b < buffers; ++b) {
+        Bytes patched;
+        patched.u32be(300).u32be(type).u32be(static_cast<uint32_t>(bufferBytes)).u32be(0);
+        std::fwrite(patched.data().data(), 1, 16, out);
+        AppendNoise(out, bufferBytes);
+    }
+    const Bytes end = FiffTag(108, 0, Bytes(), 0xFFFFFFFF);
+    std::fwrite(end.data().data(), 1, end.size(), out);
+    std::fclose(out);
+    return {path, static_cast<long long>(header.size()), buffers * (bufferBytes + 16), bytes, true, type == 4};
+}
+
+Recording Generic(const std::string& dir, const char* name)
+{
+    const long long slices = DataBytes() / (4LL * kChannels);
+    const std::string path = dir + "/" + name;
+    std::string header = "<ORVA_Header>\n<DataFormat>Float</DataFormat>\n<MatrixOrientation>Slice_Mode</MatrixOrientation>\n"
+                         "<RunType>Continuous</RunType>\n<NumSlices>" + std::to_string(slices) +
+                         "</NumSlices>\n<SampleRate>1000</SampleRate>\n<NumChans>" + std::to_string(kChannels) +
+                         "</NumChans>\n</ORVA_Header>\n";
+    FILE* h = std::fopen((path + ".orva_hdr").c_str(), "wb");
+    std::fwrite(header.data(), 1, header.size(), h);
+    std::fclose(h);
+    // Finite floats: a ramp pattern rather than random bits (which would include NaNs).
+    FILE* out = std::fopen(path.c_str(), "wb");
+    std::vector<float> chunk(1 << 18);
+    for (size_t i = 0; i < chunk.size(); ++i)
+        chunk[i] = static_cast<float>(i % 4096) * 0.25f;
+    const long long total = slices * 4LL * kChannels;
+    for (long long done = 0; done < total; done += static_cast<long long>(chunk.size() * 4))
+        std::fwrite(chunk.data(), 1, static_cast<size_t>(std::min<long long>(total - done, chunk.size() * 4)), out);
+    std::fclose(out);
+    return {path, 0, total, 4, false, true};
+}
+
+struct Files {
+    std::string dir;
+    std::map<std::string, Recording> byName;
+    Files()
+    {
+        char tmpl[] = "/tmp/filelib_bench_XXXXXX";
+        dir = mkdtemp(tmpl);
+        byName["NeuroscanInt16"] = Neuroscan(dir, "n16.cnt", 2, false);
+        byName["NeuroscanInt32"] = Neuroscan(dir, "n32.cnt", 4, false);
+        byName["NeuroscanBlocked"] = Neuroscan(dir, "nblk.cnt", 2, true);
+        byName["EDF"] = Edf(dir, "e.edf", false);
+        byName["BDF"] = Edf(dir, "b.bdf", true);
+        byName["FiffFloat"] = Fiff(dir, "f.fif", 4, 4);
+        byName["FiffInt16"] = Fiff(dir, "s.fif", 2, 2);
+        byName["GenericFloat"] = Generic(dir, "g.f32");
+    }
+    ~Files()
+    {
+        std::remove((dir + "/tags.fif").c_str());
+        for (const auto& [name, r] : byName) {
+            std::remove(r.path.c_str());
+            std::remove((r.path + ".orva_hdr").c_str());
+            std::remove((r.path + ".aux").c_str());
+        }
+        std::remove(dir.c_str());
+    }
+};
+
+Files& TheFiles()
+{
+    static Files files;
+    return files;
+}
+
+void Open(CFilelib& f, const Recording& r)
+{
+    std::string name = r.path;
+    if (f.GuessFileMFR(name) == 0)
+        throw std::runtime_error("not recognised: " + r.path);
+    f.Initialize(0);
+}
+
+void BM_ReadData(benchmark::State& state, const std::string& format)
+{
+    const Recording& r = TheFiles().byName.at(format);
+    CFilelib f;
+    Open(f, r);
+    ecLabeledMatrix<float> block;
+    for (auto _ : state) {
+        double sum = 0;
+        for (int first = 0, n; (n = f.ReadData(block, first, kBlock)) > 0; first += n)
+            sum += block[0][0];
+        benchmark::DoNotOptimize(sum);
+    }
+    state.SetBytesProcessed(state.iterations() * r.dataBytes);
+}
+
+// The practical limit: fread 1 MiB blocks, convert every sample with one scale factor in a loop
+// specialised for the sample type.
+template <typename Decode>
+void PlainLoop(benchmark::State& state, const Recording& r, Decode decode)
+{
+    const size_t width = static_cast<size_t>(r.sampleBytes);
+    std::vector<uint8_t> raw((1 << 20) - (1 << 20) % width);
+    std::vector<float> out(raw.size() / width);
+    for (auto _ : state) {
+        FILE* fp = std::fopen(r.path.c_str(), "rb");
+        fseeko(fp, r.dataOffset, SEEK_SET);
+        double sum = 0;
+        for (long long done = 0; done < r.dataBytes;) {
+            const size_t want = static_cast<size_t>(std::min<long long>(r.dataBytes - done, static_cast<long long>(raw.size())));
+            const size_t got = std::fread(raw.data(), 1, want, fp);
+            if (got == 0)
+                break;
+            const size_t n = got / width;
+            const uint8_t* p = raw.data();
+            for (size_t i = 0; i < n; ++i, p += width)
+                out[i] = decode(p) * 1e-7f;
+            sum += out[0];
+            done += static_cast<long long>(got);
+        }
+        std::fclose(fp);
+        benchmark::DoNotOptimize(sum);
+    }
+    state.SetBytesProcessed(state.iterations() * r.dataBytes);
+}
+
+void BM_Baseline(benchmark::State& state, const std::string& format)
+{
+    const Recording& r = TheFiles().byName.at(format);
+    if (r.sampleBytes == 3)
+        return PlainLoop(state, r, [](const uint8_t* p) {
+            return static_cast<float>(static_cast<int32_t>(static_cast<uint32_t>(p[0] << 8 | p[1] << 16 | p[2] << 24)) >> 8);
+        });
+    if (r.sampleBytes == 2 && r.bigEndian)
+        return PlainLoop(state, r, [](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16BE(p))); });
+    if (r.sampleBytes == 2)
+        return PlainLoop(state, r, [](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16LE(p))); });
+    if (r.isFloat && r.bigEndian)
+        return PlainLoop(state, r, [](const uint8_t* p) { return BitsToFloat(LoadU32BE(p)); });
+    if (r.isFloat)
+        return PlainLoop(state, r, [](const uint8_t* p) { return BitsToFloat(LoadU32LE(p)); });
+    return PlainLoop(state, r, [](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32LE(p))); });
+}
+
+void BM_Open(benchmark::State& state, const std::string& format)
+{
+    const Recording& r = TheFiles().byName.at(format);
+    for (auto _ : state) {
+        CFilelib f;
+        Open(f, r);
+        benchmark::DoNotOptimize(f.GetNumSlices());
+    }
+}
+
+void BM_FindAllTriggers(benchmark::State& state)
+{
+    const Recording& r = TheFiles().byName.at("EDF");
+    CFilelib f;
+    Open(f, r);
+    f.GetActiveFile()->SetChanType(0, 0x8000);
+    for (auto _ : state) {
+        ecEventList events;
+        benchmark::DoNotOptimize(f.GetActiveFile()->FindAllTriggers(&events, 0, 1e-3f, 0, false, nullptr));
+    }
+    state.SetBytesProcessed(state.iterations() * r.dataBytes);
+}
+
+void BM_FiffTagWalk50000(benchmark::State& state)
+{
+    static const std::string path = TheFiles().dir + "/tags.fif";
+    static const bool written = [] {
+        Bytes b = FiffHeader();
+        for (int i = 0; i < 50000; ++i)
+            Append(b, FiffTag(108, 3, Bytes().u32be(static_cast<uint32_t>(i))));
+        Append(b, FiffTag(108, 0, Bytes(), 0xFFFFFFFF));
+        b.write(path);
+        return true;
+    }();
+    benchmark::DoNotOptimize(written);
+    for (auto _ : state) {
+        ecNeuromag_FIFF reader(path.c_str());
+        reader.SetInputFilePointer(std::fopen(path.c_str(), "rb"));
+        reader.ReadAllTagRecords();
+        benchmark::DoNotOptimize(reader.GetDirectory().size());
+    }
+}
+
+const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",
+                                "BDF",            "FiffFloat",      "FiffInt16",        "GenericFloat"};
+
+int Register()
+{
+    for (const char* format : kFormats) {
+        benchmark::RegisterBenchmark((std::string("Baseline/") + format).c_str(), BM_Baseline, std::string(format))
+            ->Unit(benchmark::kMillisecond)->MinTime(1.0)->UseRealTime();
+        benchmark::RegisterBenchmark((std::string("ReadData/") + format).c_str(), BM_ReadData, std::string(format))
+            ->Unit(benchmark::kMillisecond)->MinTime(1.0)->UseRealTime();
+        benchmark::RegisterBenchmark((std::string("Open/") + format).c_str(), BM_Open, std::string(format))
+            ->Unit(benchmark::kMillisecond);
+    }
+    benchmark::RegisterBenchmark("FindAllTriggers/EDF", BM_FindAllTriggers)->Unit(benchmark::kMillisecond)->UseRealTime();
+    benchmark::RegisterBenchmark("FiffTagWalk/50000", BM_FiffTagWalk50000)->Unit(benchmark::kMillisecond);
+    return 0;
+}
+const int registered = Register();
+
+}  // namespace
+
+BENCHMARK_MAIN();
