@@ -30,14 +30,17 @@ long long DataBytes()
     return (mb ? std::atoll(mb) : 256) << 20;
 }
 
-// Appends `bytes` of pseudo-random samples to an open file, 1 MiB at a time.
-void AppendNoise(FILE* out, long long bytes)
+// Appends `bytes` of samples to an open file, 1 MiB at a time: pseudo-random integers, or
+// finite big-endian floats (random bits would make NaNs and denormals).
+void AppendNoise(FILE* out, long long bytes, bool bigEndianFloats = false)
 {
     std::vector<uint8_t> chunk(1 << 20);
     uint32_t state = 2463534242u;
-    for (auto& b : chunk) {
+    for (size_t i = 0; i < chunk.size(); i += 4) {
         state ^= state << 13, state ^= state >> 17, state ^= state << 5;
-        b = static_cast<uint8_t>(state);
+        const uint32_t word = bigEndianFloats ? FloatToBits(static_cast<float>(static_cast<int16_t>(state))) : state;
+        for (int k = 0; k < 4; ++k)
+            chunk[i + static_cast<size_t>(k)] = static_cast<uint8_t>(bigEndianFloats ? word >> (24 - 8 * k) : word >> (8 * k));
     }
     for (long long done = 0; done < bytes; done += static_cast<long long>(chunk.size()))
         std::fwrite(chunk.data(), 1, static_cast<size_t>(std::min<long long>(bytes - done, chunk.size())), out);
@@ -149,7 +152,7 @@ Recording Fiff(const std::string& dir, const char* name, uint32_t type, int byte
         Bytes patched;
         patched.u32be(300).u32be(type).u32be(static_cast<uint32_t>(bufferBytes)).u32be(0);
         std::fwrite(patched.data().data(), 1, 16, out);
-        AppendNoise(out, bufferBytes);
+        AppendNoise(out, bufferBytes, type == 4);
     }
     const Bytes end = FiffTag(108, 0, Bytes(), 0xFFFFFFFF);
     std::fwrite(end.data().data(), 1, end.size(), out);

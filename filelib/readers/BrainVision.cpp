@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "companion/ByteCursor.h"
+#include "companion/Deinterleave.h"
 #include "companion/Utility.h"
 
 namespace {
@@ -245,7 +246,7 @@ void BrainVision::Initialize(int)
 
 void BrainVision::ReadChannels(const std::map<std::string, std::string>& channels)
 {
-    m_factors.assign(static_cast<size_t>(GetNumChans()), 1e-6);
+    m_factors.assign(static_cast<size_t>(GetNumChans()), 1e-6f);
     for (int c = 0; c < GetNumChans(); ++c) {
         const auto entry = channels.find("Ch" + std::to_string(c + 1));
         if (entry == channels.end())
@@ -259,12 +260,12 @@ void BrainVision::ReadChannels(const std::map<std::string, std::string>& channel
             Fail("Invalid resolution '" + f[2] + "' of channel " + std::to_string(c + 1) + ".");
         std::string unit = f.size() > 3 ? Trim(f[3]) : std::string();
         const double volts = VoltsPerUnit(unit);
-        m_factors[static_cast<size_t>(c)] = resolution * (volts > 0 ? volts : 1.0);
+        m_factors[static_cast<size_t>(c)] = static_cast<float>(resolution * (volts > 0 ? volts : 1.0));
         if (volts > 0)
             unit = "V";
         SetChanUnit(c, unit);
         SetChanType(c, volts > 0 ? kChanEEG : 0);
-        SetChanScale(c, static_cast<float>(m_factors[static_cast<size_t>(c)]));
+        SetChanScale(c, m_factors[static_cast<size_t>(c)]);
     }
 }
 
@@ -306,16 +307,20 @@ int BrainVision::ReadData(ecLabeledMatrix<float>& data, int first, int count)
     data.resize(channels, static_cast<long>(n), 0, 0);
     LabelRows(data);
     FILE* fp = GetInputFilePointer();
-    auto convert = [&](const uint8_t* src, size_t stride, long long samples, float* dst, double factor) {
-        for (long long i = 0; i < samples; ++i, src += stride) {
-            double v = 0;
-            switch (m_format) {
-            case kInt16: v = static_cast<int16_t>(m_bigEndian ? LoadU16BE(src) : LoadU16LE(src)); break;
-            case kUInt16: v = m_bigEndian ? LoadU16BE(src) : LoadU16LE(src); break;
-            case kInt32: v = static_cast<int32_t>(m_bigEndian ? LoadU32BE(src) : LoadU32LE(src)); break;
-            default: v = BitsToFloat(m_bigEndian ? LoadU32BE(src) : LoadU32LE(src)); break;
-            }
-            dst[i] = static_cast<float>(v * factor);
+    // Every sample format and byte order through one tiled conversion.
+    auto convert = [&](const uint8_t* src, size_t stride, long long samples, size_t rowCount, float* const* rows,
+                       const float* factors) {
+        const std::vector<float> none(rowCount, 0.0f);
+        auto run = [&](auto decode) {
+            Deinterleave(src, static_cast<size_t>(samples), rowCount, static_cast<size_t>(m_bytes), stride, rows,
+                         none.data(), factors, decode);
+        };
+        const bool be = m_bigEndian;
+        switch (m_format) {
+        case kInt16: return run([be](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(be ? LoadU16BE(p) : LoadU16LE(p))); });
+        case kUInt16: return run([be](const uint8_t* p) { return static_cast<float>(be ? LoadU16BE(p) : LoadU16LE(p)); });
+        case kInt32: return run([be](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(be ? LoadU32BE(p) : LoadU32LE(p))); });
+        default: return run([be](const uint8_t* p) { return BitsToFloat(be ? LoadU32BE(p) : LoadU32LE(p)); });
         }
     };
     auto readAt = [&](long long offset, size_t bytes) {
@@ -329,13 +334,16 @@ int BrainVision::ReadData(ecLabeledMatrix<float>& data, int first, int count)
         const long long take = std::min(perBlock, n - done);
         if (!m_vectorized) {
             readAt((first + done) * sliceBytes, static_cast<size_t>(take * sliceBytes));
+            std::vector<float*> rows(static_cast<size_t>(channels));
             for (long c = 0; c < channels; ++c)
-                convert(m_raw.data() + c * m_bytes, static_cast<size_t>(sliceBytes), take, data[c] + done,
-                        m_factors[static_cast<size_t>(c)]);
+                rows[static_cast<size_t>(c)] = data[c] + done;
+            convert(m_raw.data(), static_cast<size_t>(sliceBytes), take, static_cast<size_t>(channels), rows.data(),
+                    m_factors.data());
         } else {
             for (long c = 0; c < channels; ++c) {
                 readAt((c * m_points + first + done) * m_bytes, static_cast<size_t>(take * m_bytes));
-                convert(m_raw.data(), static_cast<size_t>(m_bytes), take, data[c] + done, m_factors[static_cast<size_t>(c)]);
+                float* row = data[c] + done;
+                convert(m_raw.data(), static_cast<size_t>(m_bytes), take, 1, &row, &m_factors[static_cast<size_t>(c)]);
             }
         }
         done += take;

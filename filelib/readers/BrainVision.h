@@ -45,6 +45,6 @@ private:
     int m_format = 0;  // BinaryFormat, see BrainVision.cpp
     int m_bytes = 2;
     long long m_points = 0;
-    std::vector<double> m_factors;
+    std::vector<float> m_factors;  // volts (or the stated unit) per stored count
     std::vector<uint8_t> m_raw;
 };

@@ -240,6 +240,8 @@ void CEDF_BDF::ParseSignals(const std::vector<uint8_t>& header, long signals)
         s.offset = (pmin - static_cast<double>(dmin) * (pmax - pmin) / static_cast<double>(dmax - dmin)) * toUnit;
         if (volts > 0)
             s.unit = "V";
+        s.gainF = static_cast<float>(s.gain);
+        s.offsetF = static_cast<float>(s.offset);
         s.samples = static_cast<long>(samples);
         s.byteOffset = m_recordBytes;
         m_recordBytes += samples * m_bytes;
@@ -339,8 +341,14 @@ int CEDF_BDF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
         throw ecError("[CEDF_BDF::ReadData] Slices out of range.", 1, 0, -1, -1);
     const long long n = std::clamp<long long>(static_cast<long long>(GetNumSlices()) - first, 0, count);
     data.resize(GetNumChans(), static_cast<long>(n), 0, 0);
-    data.zero();
     LabelRows(data);
+    // Every slice is written below unless the range meets a gap or the file's cut end; the
+    // annotation row always reads as zeros.
+    const long long lastRecord = RecordAt(std::max<long long>(first + n - 1, 0));
+    if (m_discontinuous || m_headerBytes + (lastRecord + 1) * m_recordBytes > m_fileSize)
+        data.zero();
+    else if (m_annotationChannel >= 0)
+        std::fill(data[m_annotationChannel], data[m_annotationChannel] + n, 0.0f);
     if (n == 0)
         return 0;
     const long long end = first + n;
@@ -374,14 +382,14 @@ int CEDF_BDF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
                 const uint8_t* samples = record + s.byteOffset;
                 if (s.samples == m_fastest) {
                     const long i0 = static_cast<long>(from - start), i1 = std::min<long>(static_cast<long>(to - start), present);
-                    DecodeRun(samples, i0, i1, s.gain, s.offset, out);
+                    DecodeRun(samples, i0, i1, s.gainF, s.offsetF, out);
                     continue;
                 }
                 // A slower signal: the stored samples this slice range shows, decoded once, then held.
                 const long i0 = static_cast<long>((from - start) * s.samples / m_fastest);
                 const long i1 = static_cast<long>((to - 1 - start) * s.samples / m_fastest) + 1;
                 m_samples.assign(static_cast<size_t>(i1 - i0), 0.0f);
-                DecodeRun(samples, i0, std::min(i1, present), s.gain, s.offset, m_samples.data());
+                DecodeRun(samples, i0, std::min(i1, present), s.gainF, s.offsetF, m_samples.data());
                 for (long long t = from; t < to; ++t)
                     out[t - from] = m_samples[static_cast<size_t>((t - start) * s.samples / m_fastest - i0)];
             }
@@ -392,17 +400,17 @@ int CEDF_BDF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 }
 
 // Samples [i0, i1) of one signal in one record into out[0 .. i1 - i0).
-void CEDF_BDF::DecodeRun(const uint8_t* samples, long i0, long i1, double gain, double offset, float* out) const
+void CEDF_BDF::DecodeRun(const uint8_t* samples, long i0, long i1, float gain, float offset, float* out) const
 {
     if (m_bytes == 2) {
         for (long i = i0; i < i1; ++i)
-            out[i - i0] = static_cast<float>(static_cast<int16_t>(LoadU16LE(samples + 2 * i)) * gain + offset);
+            out[i - i0] = static_cast<float>(static_cast<int16_t>(LoadU16LE(samples + 2 * i))) * gain + offset;
         return;
     }
     for (long i = i0; i < i1; ++i) {
         const uint8_t* p = samples + 3 * i;
         const int32_t v = static_cast<int32_t>(static_cast<uint32_t>(p[0] << 8 | p[1] << 16 | p[2] << 24)) >> 8;
-        out[i - i0] = static_cast<float>(v * gain + offset);
+        out[i - i0] = static_cast<float>(v) * gain + offset;
     }
 }
 

@@ -47,6 +47,8 @@ private:
         std::string unit;
         double gain = 1;    // physical per digital, in delivered units
         double offset = 0;  // delivered value = digital x gain + offset
+        float gainF = 1;    // the same in single precision, for the data path
+        float offsetF = 0;
         long samples = 0;   // per record
         long long byteOffset = 0;  // within a record
         bool annotation = false;
@@ -60,7 +62,7 @@ private:
     std::vector<uint8_t> SignalBytes(long long record, const Signal& s);
     void AnnotationEvents(ecEventList& events, int& appended);
     void StatusEvents(ecEventList& events, int& appended);
-    void DecodeRun(const uint8_t* samples, long i0, long i1, double gain, double offset, float* out) const;
+    void DecodeRun(const uint8_t* samples, long i0, long i1, float gain, float offset, float* out) const;
     long long RecordAt(long long slice) const;
     long long RecordStart(long long record) const;
     [[noreturn]] void Fail(const std::string& text);

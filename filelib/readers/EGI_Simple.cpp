@@ -4,6 +4,7 @@
 #include <climits>
 
 #include "companion/ByteCursor.h"
+#include "companion/Deinterleave.h"
 #include "companion/Utility.h"
 
 namespace {
@@ -16,13 +17,14 @@ bool Segmented(int version) { return version == 3 || version == 5 || version == 
 
 int BytesOf(int version) { return version <= 3 ? 2 : version <= 5 ? 4 : 8; }
 
-double Sample(const uint8_t* p, int bytes)
+template <typename Apply>
+void WithDecoder(int bytes, Apply apply)
 {
     if (bytes == 2)
-        return static_cast<int16_t>(LoadU16BE(p));
+        return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16BE(p))); });
     if (bytes == 4)
-        return BitsToFloat(LoadU32BE(p));
-    return BitsToDouble(LoadU64BE(p));
+        return apply([](const uint8_t* p) { return BitsToFloat(LoadU32BE(p)); });
+    return apply([](const uint8_t* p) { return static_cast<float>(BitsToDouble(LoadU64BE(p))); });
 }
 
 }  // namespace
@@ -146,13 +148,17 @@ int EGI_Simple::ReadData(ecLabeledMatrix<float>& data, int first, int count)
         m_raw.resize(static_cast<size_t>(take * sliceBytes));
         if (ReadAt(GetInputFilePointer(), SliceOffset(slice), m_raw.data(), m_raw.size()) != m_raw.size())
             throw ecError("[EGI_Simple::ReadData] Error in reading the data file.", 1, 0, -1, -1);
+        std::vector<float*> rows(static_cast<size_t>(channels));
+        std::vector<float> none(static_cast<size_t>(channels), 0.0f), factors(static_cast<size_t>(channels), 1.0f);
         for (long c = 0; c < channels; ++c) {
-            const double factor = c < m_eegChannels ? m_microvoltsPerUnit * 1e-6 : 1.0;
-            const uint8_t* src = m_raw.data() + c * m_bytes;
-            float* dst = data[c] + done;
-            for (long long i = 0; i < take; ++i, src += sliceBytes)
-                dst[i] = static_cast<float>(Sample(src, m_bytes) * factor);
+            rows[static_cast<size_t>(c)] = data[c] + done;
+            if (c < m_eegChannels)
+                factors[static_cast<size_t>(c)] = static_cast<float>(m_microvoltsPerUnit * 1e-6);
         }
+        WithDecoder(m_bytes, [&](auto decode) {
+            Deinterleave(m_raw.data(), static_cast<size_t>(take), static_cast<size_t>(channels), static_cast<size_t>(m_bytes),
+                         static_cast<size_t>(sliceBytes), rows.data(), none.data(), factors.data(), decode);
+        });
         done += take;
     }
     return static_cast<int>(n);

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "companion/ByteCursor.h"
+#include "companion/Deinterleave.h"
 #include "companion/Utility.h"
 #include "companion/Xml.h"
 
@@ -122,33 +123,20 @@ const Messages kCntMessages = {"[CGeneric::ReadCNTData]: Fail in seeking binary 
 const Messages kEegMessages = {"[CGeneric::ReadEEGData]: Fail in seeking EEG binary data file.",
                                "[CGeneric::ReadEEGData]: Error in reading EEG data file."};
 
-template <typename Decode>
-void ConvertStrided(const uint8_t* src, size_t stride, long n, float* dst, float factor, Decode decode)
-{
-    for (long i = 0; i < n; ++i, src += stride)
-        dst[i] = static_cast<float>(decode(src)) * factor;
-}
-
-void Convert(int format, const uint8_t* src, size_t stride, long n, float* dst, float factor)
+// The stored number of each data format.
+template <typename Apply>
+void WithDecoder(int format, Apply apply)
 {
     switch (format) {
-    case kFmtByte: return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return *p; });
-    case kFmtShort:
-        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return int16_t(LoadU16LE(p)); });
-    case kFmtLong:
-        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return int32_t(LoadU32LE(p)); });
-    case kFmtFloat:
-        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return BitsToFloat(LoadU32LE(p)); });
-    case kFmtDouble:
-        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return BitsToDouble(LoadU64LE(p)); });
-    case kFmtSwabShort:
-        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return int16_t(LoadU16BE(p)); });
-    case kFmtSwabLong:
-        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return int32_t(LoadU32BE(p)); });
-    case kFmtSwabFloat:
-        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return BitsToFloat(LoadU32BE(p)); });
-    case kFmtSwabDouble:
-        return ConvertStrided(src, stride, n, dst, factor, [](const uint8_t* p) { return BitsToDouble(LoadU64BE(p)); });
+    case kFmtByte: return apply([](const uint8_t* p) { return static_cast<float>(*p); });
+    case kFmtShort: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16LE(p))); });
+    case kFmtLong: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32LE(p))); });
+    case kFmtFloat: return apply([](const uint8_t* p) { return BitsToFloat(LoadU32LE(p)); });
+    case kFmtDouble: return apply([](const uint8_t* p) { return static_cast<float>(BitsToDouble(LoadU64LE(p))); });
+    case kFmtSwabShort: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16BE(p))); });
+    case kFmtSwabLong: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32BE(p))); });
+    case kFmtSwabFloat: return apply([](const uint8_t* p) { return BitsToFloat(LoadU32BE(p)); });
+    case kFmtSwabDouble: return apply([](const uint8_t* p) { return static_cast<float>(BitsToDouble(LoadU64BE(p))); });
     default: throw ecError("[CGeneric::ReadEEGData]: Unrecognized data format.", 1, 0, -1, -1);
     }
 }
@@ -437,10 +425,12 @@ void CGeneric::ReadEpochSpan(ecLabeledMatrix<float>& data, long col, long epoch,
     FILE* fp = GetInputFilePointer();
     if (!fp)
         throw ecError(msg.read, 1, 0, -1, -1);
+    const std::vector<float> none(static_cast<size_t>(channels), 0.0f);
     if (m_bMatrixOrientation) {
         // Slice after slice: whole slices in blocks of about 1 MiB.
         const size_t sliceBytes = static_cast<size_t>(channels) * bps;
         const long perBlock = std::max(1L, static_cast<long>(kRawBlockBytes / sliceBytes));
+        std::vector<float*> rows(static_cast<size_t>(channels));
         for (long done = 0; done < n;) {
             const long take = std::min(perBlock, n - done);
             if (fseeko(fp, static_cast<off_t>(epochBase + (t0 + done) * static_cast<int64_t>(sliceBytes)), SEEK_SET) != 0)
@@ -449,8 +439,11 @@ void CGeneric::ReadEpochSpan(ecLabeledMatrix<float>& data, long col, long epoch,
             if (std::fread(m_raw.data(), 1, m_raw.size(), fp) != m_raw.size())
                 throw ecError(msg.read, 1, 0, -1, -1);
             for (long c = 0; c < channels; ++c)
-                Convert(m_iDataFormat, m_raw.data() + c * bps, sliceBytes, take, data[c] + col + done,
-                        factors[static_cast<size_t>(c)]);
+                rows[static_cast<size_t>(c)] = data[c] + col + done;
+            WithDecoder(m_iDataFormat, [&](auto decode) {
+                Deinterleave(m_raw.data(), static_cast<size_t>(take), static_cast<size_t>(channels),
+                             static_cast<size_t>(bps), sliceBytes, rows.data(), none.data(), factors.data(), decode);
+            });
             done += take;
         }
         return;
@@ -466,8 +459,11 @@ void CGeneric::ReadEpochSpan(ecLabeledMatrix<float>& data, long col, long epoch,
             m_raw.resize(static_cast<size_t>(take) * bps);
             if (std::fread(m_raw.data(), 1, m_raw.size(), fp) != m_raw.size())
                 throw ecError(msg.read, 1, 0, -1, -1);
-            Convert(m_iDataFormat, m_raw.data(), static_cast<size_t>(bps), take, data[c] + col + done,
-                    factors[static_cast<size_t>(c)]);
+            float* row = data[c] + col + done;
+            WithDecoder(m_iDataFormat, [&](auto decode) {
+                Deinterleave(m_raw.data(), static_cast<size_t>(take), 1, static_cast<size_t>(bps),
+                             static_cast<size_t>(bps), &row, none.data(), &factors[static_cast<size_t>(c)], decode);
+            });
             done += take;
         }
     }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "companion/ByteCursor.h"
+#include "companion/Deinterleave.h"
 #include "companion/Utility.h"
 
 namespace {
@@ -93,13 +94,15 @@ int BytesOfType(uint32_t type)
     }
 }
 
-double Value(const uint8_t* p, uint32_t type)
+// The stored value of each DATA_BUFFER type (all big-endian).
+template <typename Apply>
+void WithDecoder(uint32_t type, Apply apply)
 {
     switch (type) {
-    case 2: case 16: return static_cast<int16_t>(LoadU16BE(p));
-    case 3: return static_cast<int32_t>(LoadU32BE(p));
-    case 4: return BitsToFloat(LoadU32BE(p));
-    default: return BitsToDouble(LoadU64BE(p));
+    case 2: case 16: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16BE(p))); });
+    case 3: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32BE(p))); });
+    case 4: return apply([](const uint8_t* p) { return BitsToFloat(LoadU32BE(p)); });
+    default: return apply([](const uint8_t* p) { return static_cast<float>(BitsToDouble(LoadU64BE(p))); });
     }
 }
 
@@ -561,7 +564,8 @@ void ecNeuromag_FIFF::Initialize(int)
 void ecNeuromag_FIFF::SetChannels()
 {
     SetNumChans(static_cast<int>(m_chInfo.size()));
-    m_scales.assign(m_chInfo.size(), 1.0);
+    m_scales.assign(m_chInfo.size(), 1.0f);
+    m_zeros.assign(m_chInfo.size(), 0.0f);
     for (size_t i = 0; i < m_chInfo.size(); ++i) {
         const FIFF_ChInfo& ch = m_chInfo[i];
         const int c = static_cast<int>(i);
@@ -570,13 +574,13 @@ void ecNeuromag_FIFF::SetChannels()
         const int type = ch.kind == 1 ? kChanMEG
                          : ch.kind == 2 || ch.kind == 202 || ch.kind == 302 || ch.kind == 402 ? kChanEEG
                          : ch.kind == 3 ? kChanTrigger : 0;
-        m_scales[i] = static_cast<double>(ch.cal) * ch.range;
+        m_scales[i] = static_cast<float>(static_cast<double>(ch.cal) * ch.range);
         SetChanName(c, label);
         SetChanUnit(c, unit);
         SetUseChanUnit(c, !unit.empty());
         SetUseChanUnitPrefix(c, ch.unitMul != 0);
         SetChanType(c, type);
-        SetChanScale(c, static_cast<float>(m_scales[i]));
+        SetChanScale(c, m_scales[i]);
     }
 }
 
@@ -646,13 +650,13 @@ int ecNeuromag_FIFF::ReadData(ecLabeledMatrix<float>& data, int first, int count
         const long long offset = buffer->dataPos + (from - buffer->firstSlice) * static_cast<long long>(sliceBytes);
         if (ReadAt(GetInputFilePointer(), offset, m_raw.data(), m_raw.size()) != m_raw.size())
             throw ecError("[ecNeuromag_FIFF::ReadData] Error in reading a DATA_BUFFER.", 1, 0, -1, -1);
-        for (long c = 0; c < channels; ++c) {
-            const double scale = m_scales[static_cast<size_t>(c)];
-            const uint8_t* src = m_raw.data() + static_cast<size_t>(c) * buffer->bytes;
-            float* out = data[c] + (from - first);
-            for (long long t = 0; t < to - from; ++t, src += sliceBytes)
-                out[t] = static_cast<float>(Value(src, buffer->type) * scale);
-        }
+        std::vector<float*> rows(static_cast<size_t>(channels));
+        for (long c = 0; c < channels; ++c)
+            rows[static_cast<size_t>(c)] = data[c] + (from - first);
+        WithDecoder(buffer->type, [&](auto decode) {
+            Deinterleave(m_raw.data(), static_cast<size_t>(to - from), static_cast<size_t>(channels),
+                         static_cast<size_t>(buffer->bytes), sliceBytes, rows.data(), m_zeros.data(), m_scales.data(), decode);
+        });
     }
     return static_cast<int>(n);
 }

@@ -167,6 +167,7 @@ private:
     long long m_fileSize = 0;
     long m_firstSampleNumber = 0;
     std::vector<Buffer> m_buffers;
-    std::vector<double> m_scales;
+    std::vector<float> m_scales;  // cal x range per channel
+    std::vector<float> m_zeros;
     std::vector<uint8_t> m_raw;
 };

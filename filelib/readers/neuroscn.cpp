@@ -8,6 +8,7 @@
 #include <new>
 
 #include "companion/ByteCursor.h"
+#include "companion/Deinterleave.h"
 #include "companion/Utility.h"
 #include "companion/Xml.h"
 
@@ -429,7 +430,6 @@ int CNeuroscan::ReadCNTData2(ecLabeledMatrix<float>& data, int first, int count)
 int CNeuroscan::ReadMultiplexed(ecLabeledMatrix<float>& data, int first, int count, int width, const char* who)
 {
     data.resize(m_iChannels, count, 0, 0);
-    data.zero();
     if (count <= 0)
         return 0;
     const size_t sliceBytes = static_cast<size_t>(m_iChannels) * width;
@@ -443,17 +443,17 @@ int CNeuroscan::ReadMultiplexed(ecLabeledMatrix<float>& data, int first, int cou
     const int slices = static_cast<int>(got / sliceBytes);
     std::vector<float> factors, baselines;
     ContinuousFactors(factors, baselines);
+    std::vector<float*> rows(static_cast<size_t>(m_iChannels));
     for (int c = 0; c < m_iChannels; ++c) {
-        float* out = data[c];
-        const uint8_t* src = m_raw.data() + static_cast<size_t>(c) * width;
-        const float f = factors[static_cast<size_t>(c)], b = baselines[static_cast<size_t>(c)];
-        if (width == 2)
-            for (int s = 0; s < slices; ++s, src += sliceBytes)
-                out[s] = (Int16At(src) - b) * f;
-        else
-            for (int s = 0; s < slices; ++s, src += sliceBytes)
-                out[s] = (Int32At(src) - b) * f;
+        rows[static_cast<size_t>(c)] = data[c];
+        std::fill(data[c] + slices, data[c] + count, 0.0f);  // what the file does not hold
     }
+    if (width == 2)
+        Deinterleave(m_raw.data(), static_cast<size_t>(slices), static_cast<size_t>(m_iChannels), 2, sliceBytes,
+                     rows.data(), baselines.data(), factors.data(), Int16At);
+    else
+        Deinterleave(m_raw.data(), static_cast<size_t>(slices), static_cast<size_t>(m_iChannels), 4, sliceBytes,
+                     rows.data(), baselines.data(), factors.data(), Int32At);
     return slices;
 }
 
@@ -486,17 +486,21 @@ int CNeuroscan::ReadBlocked(ecLabeledMatrix<float>& data, int first, int count)
             const long long blockStart = (block + b) * blockSlices;
             const long long from = std::max<long long>(first, blockStart);
             const long long to = std::min<long long>(static_cast<long long>(first) + count, blockStart + blockSlices);
-            for (long long t = from; t < to; ++t) {
-                const size_t pos = static_cast<size_t>(t - blockStart);
-                const size_t lastSampleEnd = static_cast<size_t>(b * blockBytes) +
-                                             ((static_cast<size_t>(m_iChannels) - 1) * blockSlices + pos + 1) * 2;
-                if (lastSampleEnd > got)
-                    continue;
-                ++slicesRead;
-                for (int c = 0; c < m_iChannels; ++c) {
-                    const uint8_t* src = m_raw.data() + b * blockBytes + (c * blockSlices + pos) * 2;
-                    data[c][t - first] = (Int16At(src) - baselines[static_cast<size_t>(c)]) * factors[static_cast<size_t>(c)];
-                }
+            // Slices of this block whose every channel was read (the last channel's run comes last).
+            const long long blockBytesRead = std::clamp<long long>(static_cast<long long>(got) - b * blockBytes, 0, blockBytes);
+            const long long lastRunStart = static_cast<long long>(m_iChannels - 1) * blockSlices * 2;
+            const long long complete = std::clamp<long long>((blockBytesRead - lastRunStart) / 2, 0, blockSlices);
+            const long long end = std::min(to, blockStart + complete);
+            if (end <= from)
+                continue;
+            slicesRead += static_cast<int>(end - from);
+            for (int c = 0; c < m_iChannels; ++c) {
+                // Each channel's run within a block is contiguous: one tight loop per run.
+                const uint8_t* src = m_raw.data() + b * blockBytes + (c * blockSlices + (from - blockStart)) * 2;
+                float* out = data[c] + (from - first);
+                const float f = factors[static_cast<size_t>(c)], base = baselines[static_cast<size_t>(c)];
+                for (long long t = 0; t < end - from; ++t)
+                    out[t] = (Int16At(src + 2 * t) - base) * f;
             }
         }
     }
