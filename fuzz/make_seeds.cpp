@@ -85,7 +85,7 @@ void EdfSeeds()
     EdfSignal annotations;
     annotations.label = "EDF Annotations";
     annotations.samples = 16;
-    annotations.annotations = {std::string("+0\x14\x14\0+0.5\x15" "1\x14" "stim\x14", 24), "+1\x14\x14"};
+    annotations.annotations = {std::string("+0\x14\x14\0+0.5\x15" "1\x14" "stim\x14", 17), "+1\x14\x14"};
     edf.signals = {Signal("Fz", 4), Signal("Status", 2), annotations};
     Seed("edf", "edfplus", EdfFile(edf).data());
     edf.reserved = "EDF+D";

@@ -90,6 +90,8 @@ void EGI_Simple::Initialize(int)
     }
     if (m_segments < 0 || m_segmentSamples < 0 || m_eventChannels < 0)
         Fail("The header declares a negative number of segments, samples or events.");
+    if (Segmented(m_version) && m_segmentSamples == 0 && m_segments > 0)
+        Fail("The header declares segments of 0 samples.");
     SetNumChans(m_eegChannels + m_eventChannels);
     for (int e = 0; e < m_eventChannels; ++e) {
         SetChanName(m_eegChannels + e, codes[static_cast<size_t>(e)]);
