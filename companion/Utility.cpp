@@ -1,5 +1,7 @@
 #include "companion/Utility.h"
 
+#include "filelib/ecBase.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -155,4 +157,12 @@ size_t ReadAt(FILE* fp, long long offset, void* buffer, size_t bytes)
     if (!SeekTo(fp, offset))
         return 0;
     return std::fread(buffer, 1, bytes, fp);
+}
+
+void CheckHeaderSize(long long bytes, long long fileSize, long long perFileByte, const std::string& who)
+{
+    if (bytes >= 0 && fileSize >= 0 && bytes / std::max(1LL, perFileByte) <= fileSize)
+        return;
+    throw ecError(who + " The header asks for " + std::to_string(bytes) + " bytes, more than a file of " +
+                  std::to_string(fileSize) + " bytes can hold.");
 }

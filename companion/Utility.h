@@ -34,6 +34,11 @@ void swad_ieeebi64(double* in, double* out);
 
 bool HostIsLittleEndian();
 
+// The allocation guard of the readers: raises a clear ecError (prefixed by `who`) when a size
+// taken from a header is negative or larger than `perFileByte` bytes for every byte of a file of
+// `fileSize` bytes could justify. Call it before allocating from any header-derived size.
+void CheckHeaderSize(long long bytes, long long fileSize, long long perFileByte, const std::string& who);
+
 // 64-bit file positioning for data paths that pass 2 GiB.
 // Length of an open file (the position is left at the start); -1 when unknown.
 long long FileLength(FILE* fp);

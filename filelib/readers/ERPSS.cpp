@@ -88,6 +88,8 @@ void ecERPSS::Initialize(int)
         CloseInputFile();
         Fail("Initialize", "Invalid ERPSS header: " + name);
     }
+    // A compressed sample takes at least one nibble: a record decodes to at most 4 times its bytes.
+    CheckHeaderSize(2LL * m_iPoints * m_iChannels, m_fileSize, 4, "[ecERPSS::Initialize]");
     try {
         m_psBuff.assign(static_cast<size_t>(m_iPoints) * m_iChannels, 0);
     } catch (const std::bad_alloc&) {
