@@ -153,7 +153,7 @@ TEST(BrainVision, Latin1SegmentsAndRefusals)
     noChannels.replace(noChannels.find("NumberOfChannels=3"), 18, "NumberOfChannels=x");
     EXPECT_EQ(fails(noChannels), p + "Invalid NumberOfChannels 'x'.");
     EXPECT_EQ(fails(Header("INT_16", "MULTIPLEXED", "DataPoints=5\n")),
-              p + "The data file " + dir.path("d.eeg") + " holds 24 bytes; the header implies 30.");
+              p + "The data file " + dir.path("d.eeg") + " holds 24 bytes, fewer than DataPoints=5 needs.");
     WriteTextFile(dir.path("y.vhdr"), "Some other text file\n");
     BrainVision foreign(dir.path("y.vhdr").c_str());
     EXPECT_EQ(Message([&] { foreign.Initialize(0); }), p + "Not a BrainVision header: " + dir.path("y.vhdr"));

@@ -22,7 +22,7 @@ bool SparseFile(const std::string& path, const Bytes& head, const Bytes& tail, l
     FILE* out = std::fopen(path.c_str(), "wb");
     if (!out)
         return false;
-    bool ok = std::fwrite(head.data().data(), 1, head.size(), out) == head.size() &&
+    bool ok = (head.size() == 0 || std::fwrite(head.data().data(), 1, head.size(), out) == head.size()) &&
               fseeko(out, total - static_cast<long long>(tail.size()), SEEK_SET) == 0 &&
               std::fwrite(tail.data().data(), 1, tail.size(), out) == tail.size();
     ok = std::fclose(out) == 0 && ok;

@@ -272,7 +272,8 @@ void BrainVision::ReadChannels(const std::map<std::string, std::string>& channel
 void BrainVision::SetTimeBase(const Sections& ini, long long dataBytes)
 {
     double interval = 0;
-    if (!Number(Get(ini, "Common Infos", "SamplingInterval"), interval) || !(interval > 0))
+    if (!Number(Get(ini, "Common Infos", "SamplingInterval"), interval) || !(interval > 0) ||
+        !(static_cast<float>(interval * 1e-6) > 0) || !std::isfinite(static_cast<float>(interval * 1e-6)))
         Fail("Invalid SamplingInterval '" + Get(ini, "Common Infos", "SamplingInterval") + "'.");
     const long long sliceBytes = static_cast<long long>(GetNumChans()) * m_bytes;
     const long long held = dataBytes / sliceBytes;
@@ -281,8 +282,8 @@ void BrainVision::SetTimeBase(const Sections& ini, long long dataBytes)
     if (!points.empty() && (!Number(points, declared) || declared < 0))
         Fail("Invalid DataPoints '" + points + "'.");
     if (declared > static_cast<double>(held))
-        Fail("The data file " + m_dataFile + " holds " + std::to_string(dataBytes) + " bytes; the header implies " +
-             std::to_string(static_cast<long long>(declared) * sliceBytes) + ".");
+        Fail("The data file " + m_dataFile + " holds " + std::to_string(dataBytes) + " bytes, fewer than DataPoints=" +
+             points + " needs.");
     m_points = declared >= 0 ? static_cast<long long>(declared) : held;
     if (m_points > 0x7FFFFFFF)
         Fail("The recording holds more than 2147483647 slices.");
@@ -366,9 +367,9 @@ int BrainVision::InitialEventList(ecEventList* events, ecProgressDlg*)
             continue;
         const std::vector<std::string> f = Fields(value);
         double position = 0, size = 0;
-        if (f.size() < 3 || !Number(f[2], position) || position < 1)
-            throw ecError("[BrainVision::InitialEventList] Invalid marker " + key + "=" + value);
-        if (f.size() > 3 && !Trim(f[3]).empty() && !Number(f[3], size))
+        const bool positionOk = f.size() >= 3 && Number(f[2], position) && position >= 1 && position <= 2147483647.0;
+        const bool sizeOk = f.size() <= 3 || Trim(f[3]).empty() || (Number(f[3], size) && size >= 0 && size <= 2147483647.0);
+        if (!positionOk || !sizeOk)
             throw ecError("[BrainVision::InitialEventList] Invalid marker " + key + "=" + value);
         ecEvent e;
         e.SetBegin(static_cast<long>(position) - 1);
@@ -378,7 +379,7 @@ int BrainVision::InitialEventList(ecEventList* events, ecProgressDlg*)
             e.SetEventName(f[1].empty() ? f[0] : f[0] + "/" + f[1]);
             e.SetEventCode(TrailingNumber(f[1]));
             e.SetKind(f[0] == "Response" ? 3 : 2);
-            e.SetEnd(e.GetBegin() + static_cast<long>(std::max(0.0, size)));
+            e.SetEnd(e.GetBegin() + static_cast<long>(size));
         }
         numbered.emplace_back(std::atol(key.c_str() + 2), e);
     }

@@ -414,6 +414,15 @@ void CEDF_BDF::DecodeRun(const uint8_t* samples, long i0, long i1, float gain, f
     }
 }
 
+// Seconds from the start of the recording to the nearest slice, kept within a range where
+// later arithmetic cannot overflow (onsets in a file can be anything).
+long CEDF_BDF::SliceOf(double seconds) const
+{
+    constexpr double kLimit = 9.0e15;
+    const double slice = std::round(seconds * m_rate);
+    return static_cast<long>(std::isfinite(slice) ? std::clamp(slice, -kLimit, kLimit) : 0.0);
+}
+
 void CEDF_BDF::AnnotationEvents(ecEventList& events, int& appended)
 {
     std::vector<ecEvent> found;
@@ -429,8 +438,8 @@ void CEDF_BDF::AnnotationEvents(ecEventList& events, int& appended)
                     e.SetEventName(text);
                     e.SetEventCode(code);
                     e.SetKind(2);
-                    e.SetBegin(static_cast<long>(std::llround(tal.onset * m_rate)));
-                    e.SetEnd(e.GetBegin() + static_cast<long>(std::llround(tal.duration * m_rate)));
+                    e.SetBegin(SliceOf(tal.onset));
+                    e.SetEnd(SliceOf(tal.onset + tal.duration));
                     found.push_back(e);
                 }
             }

@@ -63,6 +63,7 @@ private:
     void AnnotationEvents(ecEventList& events, int& appended);
     void StatusEvents(ecEventList& events, int& appended);
     void DecodeRun(const uint8_t* samples, long i0, long i1, float gain, float offset, float* out) const;
+    long SliceOf(double seconds) const;
     long long RecordAt(long long slice) const;
     long long RecordStart(long long record) const;
     [[noreturn]] void Fail(const std::string& text);
