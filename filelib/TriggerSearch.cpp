@@ -58,8 +58,9 @@ void ecFilebase::ScanBlocks(int start, ecProgressDlg* progress, OnBlock onBlock)
         progress->SetRange(0, GetNumSlices() / kTriggerBlock + 1);
         progress->SetStep(1);
     }
+    // One block of all channels, never wider than the recording itself.
     ecLabeledMatrix<float> block;
-    block.resize(GetNumChans(), kTriggerBlock, 0, 0);
+    block.resize(GetNumChans(), std::clamp(GetNumSlices() - start, 1, kTriggerBlock), 0, 0);
     for (long first = start; first <= INT_MAX - kTriggerBlock; first += kTriggerBlock) {
         const int n = ReadData(block, static_cast<int>(first), kTriggerBlock);
         if (n < 1 || !onBlock(block, first, std::min<long>(n, block.ncol())))

@@ -26,6 +26,20 @@ std::string Detect(const std::string& path)
 const std::string kBroken = std::string(FILELIB_TEST_DATA) + "/broken/";
 }  // namespace
 
+// The trigger search on a recording of 26,759 channels and no slices once asked for a block of
+// 5000 slices of every channel (535 MB).
+TEST(BrokenFiles, TriggerSearchOnManyChannelsWithoutSlices)
+{
+    CFilelib f;
+    std::string name = kBroken + "egi/many-channels-no-slices.cnt";
+    ASSERT_EQ(f.GuessFileMFR(name), 44);
+    f.Initialize(0);
+    EXPECT_EQ(f.GetNumSlices(), 0);
+    EXPECT_GT(f.GetNumChans(), 20000);
+    ecEventList events;
+    EXPECT_EQ(f.GetActiveFile()->FindAllTriggers(&events, 0, 0.5f, 0, false, nullptr), 0);
+}
+
 TEST(BrokenFiles, EachGivesItsClearError)
 {
     EXPECT_EQ(Detect(kBroken + "egi/segments-of-zero-samples.raw"),

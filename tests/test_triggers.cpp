@@ -95,6 +95,16 @@ TEST(FindAllTriggers, SeveralChannelsDeadTimeAcrossBlocksAndProgress)
     EXPECT_EQ(Begins(digital), (std::vector<long>{10, 4998, 100, 5010, 5050, 10999}));
 }
 
+TEST(FindAllTriggers, TheBlockIsNeverWiderThanTheRecording)
+{
+    MemoryReader r = Triggers({{0, 1, 0}, {0, 1, 0}});
+    ecEventList list;
+    EXPECT_EQ(r.FindAllTriggers(&list, 0, 0.5f, 0, true, nullptr), 1);
+    EXPECT_EQ(r.widestBlockOnEntry, 3);
+    EXPECT_EQ(r.FindNextTrigger(1, 1, 0.5f, false), -1);
+    EXPECT_EQ(r.widestBlockOnEntry, 3);
+}
+
 TEST(FindAllTriggers, CancelAfterTheFirstBlockAndNoTriggerChannels)
 {
     std::vector<float> t(20000, 0.0f);
