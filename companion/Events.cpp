@@ -1,8 +1,8 @@
 #include "companion/Events.h"
 
+#include "companion/Utility.h"
+
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <fstream>
 
 void ecEvent::SetSegmentBoundaryDefaults()
@@ -77,26 +77,16 @@ std::vector<std::string> Tokens(const std::string& line)
     return out;
 }
 
-bool ToLong(const std::string& s, long& out)
-{
-    if (s.empty())
-        return false;
-    errno = 0;
-    char* stop = nullptr;
-    out = std::strtol(s.c_str(), &stop, 10);
-    return errno == 0 && *stop == '\0';
-}
-
 bool ParseEventLine(const std::string& line, ecEvent& event)
 {
     std::vector<std::string> t = Tokens(line);
     if (t.size() < 3 || t.size() > 5)
         return false;
-    long code = 0, begin = 0, end = 0, kind = 2;
-    if (!ToLong(t[1], code) || !ToLong(t[2], begin))
+    long long code = 0, begin = 0, end = 0, kind = 2;
+    if (!ParseInteger(t[1], code) || !ParseInteger(t[2], begin))
         return false;
     end = begin;
-    if ((t.size() > 3 && !ToLong(t[3], end)) || (t.size() > 4 && !ToLong(t[4], kind)))
+    if ((t.size() > 3 && !ParseInteger(t[3], end)) || (t.size() > 4 && !ParseInteger(t[4], kind)))
         return false;
     event.SetEventName(t[0]);
     event.SetEventCode(static_cast<int>(code));

@@ -3,6 +3,9 @@
 #include "filelib/ecBase.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <cctype>
 #include <cstdint>
 #include <cstring>
@@ -39,6 +42,35 @@ std::string RightString(std::string s, int count)
         return std::string();
     size_t n = std::min(s.size(), static_cast<size_t>(count));
     return s.substr(s.size() - n);
+}
+
+std::string TrimBlanks(const std::string& s)
+{
+    const size_t b = s.find_first_not_of(" \t\r\n");
+    if (b == std::string::npos)
+        return std::string();
+    return s.substr(b, s.find_last_not_of(" \t\r\n") - b + 1);
+}
+
+bool ParseInteger(const std::string& text, long long& out)
+{
+    const std::string t = TrimBlanks(text);
+    if (t.empty())
+        return false;
+    errno = 0;
+    char* stop = nullptr;
+    out = std::strtoll(t.c_str(), &stop, 10);
+    return errno == 0 && *stop == '\0';
+}
+
+bool ParseReal(const std::string& text, double& out)
+{
+    const std::string t = TrimBlanks(text);
+    if (t.empty())
+        return false;
+    char* stop = nullptr;
+    out = std::strtod(t.c_str(), &stop);
+    return *stop == '\0' && std::isfinite(out);
 }
 
 int ToUpper(std::string& s)

@@ -12,6 +12,12 @@ int SplitFields(std::string& line, std::vector<std::string>& fields, const std::
 std::string MidString(std::string s, int start, int count);
 std::string LeftString(std::string s, int count);
 std::string RightString(std::string s, int count);
+// Text without leading and trailing blanks (spaces, tabs, line ends).
+std::string TrimBlanks(const std::string& s);
+// Whole-field numbers, as header fields hold them: the trimmed text must be one number and
+// nothing else. False otherwise, and for integers out of range and reals that are not finite.
+bool ParseInteger(const std::string& text, long long& out);
+bool ParseReal(const std::string& text, double& out);
 // Upper-cases ASCII letters in place; returns the length.
 int ToUpper(std::string& s);
 // caseSensitive false compares ASCII letters without regard to case.

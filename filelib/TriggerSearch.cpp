@@ -106,8 +106,10 @@ int ecFilebase::FindNextTrigger(int chan, int start, float threshold, bool fromZ
     return static_cast<int>(found);
 }
 
-int ecFilebase::FindAllTriggers(ecEventList* events, int eventCode, float threshold, int deadTime, bool fromZero,
-                                ecProgressDlg* progress)
+// Scans every trigger channel block by block; `fires` decides for one value whether it makes
+// an event (and fills it). After an event the channel skips deadTime slices.
+template <typename Fires>
+int ecFilebase::ScanTriggerChannels(ecEventList* events, int deadTime, ecProgressDlg* progress, Fires fires)
 {
     std::vector<ChannelScan> scans;
     for (int chan : TriggerChannels())
@@ -123,11 +125,10 @@ int ecFilebase::FindAllTriggers(ecEventList* events, int eventCode, float thresh
                 continue;
             const float* row = block[scan.chan];
             for (long i = std::max(0L, scan.nextExamined - first); i < n; ++i) {
-                const bool fires = fromZero ? DigitalFires(scan.previous, row[i], threshold)
-                                            : AnalogueFires(scan.armed, row[i], threshold);
-                if (!fires)
+                ecEvent event;
+                if (!fires(scan, k, row[i], first + i, event))
                     continue;
-                events->AppendOneEvent(TriggerEvent(std::to_string(k + 1), eventCode, 2, first + i));
+                events->AppendOneEvent(event);
                 ++appended;
                 scan.nextExamined = first + i + skip;
                 i = scan.nextExamined - first - 1;
@@ -138,39 +139,35 @@ int ecFilebase::FindAllTriggers(ecEventList* events, int eventCode, float thresh
     return appended;
 }
 
+int ecFilebase::FindAllTriggers(ecEventList* events, int eventCode, float threshold, int deadTime, bool fromZero,
+                                ecProgressDlg* progress)
+{
+    return ScanTriggerChannels(events, deadTime, progress,
+                               [&](ChannelScan& scan, size_t k, float value, long slice, ecEvent& event) {
+                                   const bool fires = fromZero ? DigitalFires(scan.previous, value, threshold)
+                                                               : AnalogueFires(scan.armed, value, threshold);
+                                   if (fires)
+                                       event = TriggerEvent(std::to_string(k + 1), eventCode, 2, slice);
+                                   return fires;
+                               });
+}
+
 int ecFilebase::FindAllTriggersDig(ecEventList* events, int eventKind, float minWord, int deadTime, bool onsetsOnly,
                                    int mask, ecProgressDlg* progress)
 {
-    std::vector<ChannelScan> scans;
-    for (int chan : TriggerChannels())
-        scans.push_back(ChannelScan{chan});
-    if (scans.empty() || !events)
-        return 0;
-    const long skip = static_cast<long>(std::max(deadTime, 0)) + 1;
-    int appended = 0;
-    ScanBlocks(0, progress, [&](ecLabeledMatrix<float>& block, long first, long n) {
-        for (ChannelScan& scan : scans) {
-            if (scan.chan >= block.nrow())
-                continue;
-            const float* row = block[scan.chan];
-            for (long i = std::max(0L, scan.nextExamined - first); i < n; ++i) {
-                const float v = row[i];
-                long word = std::isfinite(v) && std::fabs(v) < 2147483647.0f ? std::lround(v) & mask : 0;
-                if (word < minWord)
-                    word = 0;
-                const long before = scan.word;
-                scan.word = word;
-                if (before < 0 || word == 0 || word == before || (onsetsOnly && before != 0))
-                    continue;
-                ecEvent e = TriggerEvent(std::to_string(word), static_cast<int>(word), eventKind, first + i);
-                e.SetCodeMask(mask);
-                events->AppendOneEvent(e);
-                ++appended;
-                scan.nextExamined = first + i + skip;
-                i = scan.nextExamined - first - 1;
-            }
-        }
-        return true;
-    });
-    return appended;
+    return ScanTriggerChannels(events, deadTime, progress,
+                               [&](ChannelScan& scan, size_t, float value, long slice, ecEvent& event) {
+                                   long word = std::isfinite(value) && std::fabs(value) < 2147483647.0f
+                                                   ? std::lround(value) & mask
+                                                   : 0;
+                                   if (word < minWord)
+                                       word = 0;
+                                   const long before = scan.word;
+                                   scan.word = word;
+                                   if (before < 0 || word == 0 || word == before || (onsetsOnly && before != 0))
+                                       return false;
+                                   event = TriggerEvent(std::to_string(word), static_cast<int>(word), eventKind, slice);
+                                   event.SetCodeMask(mask);
+                                   return true;
+                               });
 }

@@ -162,6 +162,8 @@ private:
     // progress object cancels. onBlock(block, firstSlice, slices).
     template <typename OnBlock>
     void ScanBlocks(int start, ecProgressDlg* progress, OnBlock onBlock);
+    template <typename Fires>
+    int ScanTriggerChannels(ecEventList* events, int deadTime, ecProgressDlg* progress, Fires fires);
     std::vector<int> TriggerChannels();
     void CopyFields(const ecFilebase& other);
     bool ChannelIndexValid(int chan, size_t tableSize) const;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "fixtures/Errors.h"
+
 #include <algorithm>
 #include <cmath>
 #include <functional>
@@ -11,16 +13,6 @@
 #include "fixtures/Bytes.h"
 
 namespace {
-std::string Message(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "(nothing raised)";
-}
-
 std::string Header(const std::string& format, const std::string& orientation, const std::string& extra = "",
                    const std::string& dataFile = "d.eeg")
 {

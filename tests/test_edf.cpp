@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "fixtures/Errors.h"
+
 #include <cmath>
 #include <functional>
 #include <sstream>
@@ -11,16 +13,6 @@
 using namespace std::string_literals;
 
 namespace {
-std::string Message(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "(nothing raised)";
-}
-
 EdfSignal Sig(const std::string& label, int samples, std::vector<int> values, const std::string& unit = "uV")
 {
     EdfSignal s;

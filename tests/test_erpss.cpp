@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "fixtures/Errors.h"
+
 #include <array>
 #include <functional>
 
@@ -8,16 +10,6 @@
 #include "fixtures/Bytes.h"
 
 namespace {
-std::string Message(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "(nothing raised)";
-}
-
 // Packs nibbles into 16-bit words, most significant nibble first.
 std::vector<uint16_t> Pack(const std::vector<int>& nibbles)
 {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "fixtures/Errors.h"
+
 #include <cmath>
 #include <cstdio>
 #include <functional>
@@ -9,16 +11,6 @@
 #include "fixtures/Bytes.h"
 
 namespace {
-std::string Message(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "(nothing raised)";
-}
-
 // A FIFF chain built tag by tag; every tag's next is 0 (sequential) unless given.
 class Fiff {
 public:

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "fixtures/Errors.h"
+
 #include <fstream>
 #include <sstream>
 
@@ -9,16 +11,6 @@
 #include "fixtures/GenericFiles.h"
 
 namespace {
-std::string Message(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "(nothing raised)";
-}
-
 // 3 channels x 6 slices of values every integer format can hold exactly.
 std::vector<std::vector<double>> Values()
 {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "fixtures/Errors.h"
+
 #include <cmath>
 #include <fstream>
 #include <functional>
@@ -10,16 +12,6 @@
 #include "fixtures/NeuroscanFiles.h"
 
 namespace {
-std::string Message(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "(nothing raised)";
-}
-
 // A continuous multiplexed file: counts[slice][channel] stored with `width` bytes.
 std::string WriteCnt(const TempDir& dir, const std::string& name, NeuroscanSpec spec,
                      const std::vector<std::vector<int32_t>>& counts, int width,

@@ -17,14 +17,6 @@ enum Format { kInt16, kUInt16, kInt32, kFloat32 };
 constexpr size_t kMaxHeaderBytes = 16u << 20;
 constexpr size_t kRawBlockBytes = 1u << 20;
 
-std::string Trim(const std::string& s)
-{
-    const size_t b = s.find_first_not_of(" \t\r\n");
-    if (b == std::string::npos)
-        return std::string();
-    return s.substr(b, s.find_last_not_of(" \t\r\n") - b + 1);
-}
-
 bool ValidUtf8(const std::string& s)
 {
     for (size_t i = 0; i < s.size();) {
@@ -82,7 +74,7 @@ std::map<std::string, std::map<std::string, std::string>> ParseIni(const std::st
     std::string section;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
-        line = Trim(line);
+        line = TrimBlanks(line);
         if (line.empty() || line[0] == ';')
             continue;
         if (line[0] == '[') {
@@ -93,7 +85,7 @@ std::map<std::string, std::map<std::string, std::string>> ParseIni(const std::st
         }
         const size_t eq = line.find('=');
         if (eq != std::string::npos && !section.empty())
-            sections[section][Trim(line.substr(0, eq))] = Trim(line.substr(eq + 1));
+            sections[section][TrimBlanks(line.substr(0, eq))] = TrimBlanks(line.substr(eq + 1));
     }
     return sections;
 }
@@ -134,14 +126,6 @@ double VoltsPerUnit(const std::string& unit)
     if (unit == "V")
         return 1.0;
     return 0.0;
-}
-
-bool Number(const std::string& text, double& out)
-{
-    const std::string t = Trim(text);
-    char* stop = nullptr;
-    out = std::strtod(t.c_str(), &stop);
-    return !t.empty() && *stop == '\0' && std::isfinite(out);
 }
 
 int TrailingNumber(const std::string& s)
@@ -229,7 +213,7 @@ void BrainVision::Initialize(int)
     m_bigEndian = Get(ini, "Binary Infos", "UseBigEndianOrder") == "YES";
 
     double channels = 0;
-    if (!Number(Get(ini, "Common Infos", "NumberOfChannels"), channels) || channels < 1 || channels > 65536 ||
+    if (!ParseReal(Get(ini, "Common Infos", "NumberOfChannels"), channels) || channels < 1 || channels > 65536 ||
         channels != std::floor(channels))
         Fail("Invalid NumberOfChannels '" + Get(ini, "Common Infos", "NumberOfChannels") + "'.");
     SetNumChans(static_cast<int>(channels));
@@ -256,9 +240,9 @@ void BrainVision::ReadChannels(const std::map<std::string, std::string>& channel
         if (!name.empty())
             SetChanName(c, name);
         double resolution = 1;
-        if (f.size() > 2 && !Trim(f[2]).empty() && !Number(f[2], resolution))
+        if (f.size() > 2 && !TrimBlanks(f[2]).empty() && !ParseReal(f[2], resolution))
             Fail("Invalid resolution '" + f[2] + "' of channel " + std::to_string(c + 1) + ".");
-        std::string unit = f.size() > 3 ? Trim(f[3]) : std::string();
+        std::string unit = f.size() > 3 ? TrimBlanks(f[3]) : std::string();
         const double volts = VoltsPerUnit(unit);
         m_factors[static_cast<size_t>(c)] = static_cast<float>(resolution * (volts > 0 ? volts : 1.0));
         if (volts > 0)
@@ -272,14 +256,14 @@ void BrainVision::ReadChannels(const std::map<std::string, std::string>& channel
 void BrainVision::SetTimeBase(const Sections& ini, long long dataBytes)
 {
     double interval = 0;
-    if (!Number(Get(ini, "Common Infos", "SamplingInterval"), interval) || !(interval > 0) ||
+    if (!ParseReal(Get(ini, "Common Infos", "SamplingInterval"), interval) || !(interval > 0) ||
         !(static_cast<float>(interval * 1e-6) > 0) || !std::isfinite(static_cast<float>(interval * 1e-6)))
         Fail("Invalid SamplingInterval '" + Get(ini, "Common Infos", "SamplingInterval") + "'.");
     const long long sliceBytes = static_cast<long long>(GetNumChans()) * m_bytes;
     const long long held = dataBytes / sliceBytes;
     double declared = -1;
     const std::string points = Get(ini, "Common Infos", "DataPoints");
-    if (!points.empty() && (!Number(points, declared) || declared < 0))
+    if (!points.empty() && (!ParseReal(points, declared) || declared < 0))
         Fail("Invalid DataPoints '" + points + "'.");
     if (declared > static_cast<double>(held))
         Fail("The data file " + m_dataFile + " holds " + std::to_string(dataBytes) + " bytes, fewer than DataPoints=" +
@@ -291,7 +275,7 @@ void BrainVision::SetTimeBase(const Sections& ini, long long dataBytes)
     SetNumSlices(static_cast<int>(m_points));
     double segment = 0;
     const bool segmented = Get(ini, "Common Infos", "SegmentationType") == "MARKERBASED" &&
-                           Number(Get(ini, "Common Infos", "SegmentDataPoints"), segment) && segment >= 1 &&
+                           ParseReal(Get(ini, "Common Infos", "SegmentDataPoints"), segment) && segment >= 1 &&
                            segment <= static_cast<double>(std::max(1LL, m_points));
     SetRunType(segmented ? kRunMultiEpoch : kRunContinuous);
     SetEpochSlices(segmented ? static_cast<int>(segment) : static_cast<int>(m_points));
@@ -367,8 +351,8 @@ int BrainVision::InitialEventList(ecEventList* events, ecProgressDlg*)
             continue;
         const std::vector<std::string> f = Fields(value);
         double position = 0, size = 0;
-        const bool positionOk = f.size() >= 3 && Number(f[2], position) && position >= 1 && position <= 2147483647.0;
-        const bool sizeOk = f.size() <= 3 || Trim(f[3]).empty() || (Number(f[3], size) && size >= 0 && size <= 2147483647.0);
+        const bool positionOk = f.size() >= 3 && ParseReal(f[2], position) && position >= 1 && position <= 2147483647.0;
+        const bool sizeOk = f.size() <= 3 || TrimBlanks(f[3]).empty() || (ParseReal(f[3], size) && size >= 0 && size <= 2147483647.0);
         if (!positionOk || !sizeOk)
             throw ecError("[BrainVision::InitialEventList] Invalid marker " + key + "=" + value);
         ecEvent e;

@@ -17,35 +17,6 @@ constexpr size_t kFixedBytes = 256;
 constexpr size_t kRawBlockBytes = 1u << 20;
 constexpr double kAnnotationOnlyRate = 1000.0;
 
-std::string Trim(const std::string& s)
-{
-    const size_t b = s.find_first_not_of(' ');
-    if (b == std::string::npos)
-        return std::string();
-    return s.substr(b, s.find_last_not_of(' ') - b + 1);
-}
-
-bool ParseLong(const std::string& field, long long& out)
-{
-    const std::string t = Trim(field);
-    if (t.empty())
-        return false;
-    errno = 0;
-    char* stop = nullptr;
-    out = std::strtoll(t.c_str(), &stop, 10);
-    return errno == 0 && *stop == '\0';
-}
-
-bool ParseDouble(const std::string& field, double& out)
-{
-    const std::string t = Trim(field);
-    if (t.empty())
-        return false;
-    char* stop = nullptr;
-    out = std::strtod(t.c_str(), &stop);
-    return *stop == '\0' && std::isfinite(out);
-}
-
 // Volts per physical unit when the dimension is a voltage, else 0.
 double VoltsPerUnit(const std::string& unit)
 {
@@ -188,13 +159,13 @@ void CEDF_BDF::ParseFixedHeader(const std::vector<uint8_t>& fixed, long long& he
 {
     const ByteCursor h(fixed.data(), fixed.size());
     long long ns = 0;
-    if (!ParseLong(h.str(184, 8), headerBytes))
+    if (!ParseInteger(h.str(184, 8), headerBytes))
         Fail("Invalid number of bytes in header record: '" + h.str(184, 8) + "'");
-    if (!ParseLong(h.str(236, 8), records) || records < -1)
+    if (!ParseInteger(h.str(236, 8), records) || records < -1)
         Fail("Invalid number of data records: '" + h.str(236, 8) + "'");
-    if (!ParseDouble(h.str(244, 8), duration) || duration < 0)
+    if (!ParseReal(h.str(244, 8), duration) || duration < 0)
         Fail("Invalid duration of a data record: '" + h.str(244, 8) + "'");
-    if (!ParseLong(h.str(252, 4), ns) || ns < 1)
+    if (!ParseInteger(h.str(252, 4), ns) || ns < 1)
         Fail("Invalid number of signals: '" + h.str(252, 4) + "'");
     if (256 * (ns + 1) > m_fileSize)
         Fail("The header declares " + std::to_string(ns) + " signals but the file holds only " +
@@ -216,20 +187,20 @@ void CEDF_BDF::ParseSignals(const std::vector<uint8_t>& header, long signals)
     m_recordBytes = 0;
     for (size_t i = 0; i < ns; ++i) {
         Signal& s = m_signals[i];
-        s.label = Trim(field(0, 16, i));
-        s.unit = Trim(field(16 + 80, 8, i));
+        s.label = TrimBlanks(field(0, 16, i));
+        s.unit = TrimBlanks(field(16 + 80, 8, i));
         const std::string which = " of signal " + std::to_string(i + 1) + " ('" + s.label + "')";
         double pmin = 0, pmax = 0;
         long long dmin = 0, dmax = 0, samples = 0;
-        if (!ParseDouble(field(104, 8, i), pmin))
+        if (!ParseReal(field(104, 8, i), pmin))
             Fail("Invalid physical minimum" + which + ": '" + field(104, 8, i) + "'");
-        if (!ParseDouble(field(112, 8, i), pmax))
+        if (!ParseReal(field(112, 8, i), pmax))
             Fail("Invalid physical maximum" + which + ": '" + field(112, 8, i) + "'");
-        if (!ParseLong(field(120, 8, i), dmin))
+        if (!ParseInteger(field(120, 8, i), dmin))
             Fail("Invalid digital minimum" + which + ": '" + field(120, 8, i) + "'");
-        if (!ParseLong(field(128, 8, i), dmax))
+        if (!ParseInteger(field(128, 8, i), dmax))
             Fail("Invalid digital maximum" + which + ": '" + field(128, 8, i) + "'");
-        if (!ParseLong(field(216, 8, i), samples) || samples < 1 || samples > INT_MAX / 4)
+        if (!ParseInteger(field(216, 8, i), samples) || samples < 1 || samples > INT_MAX / 4)
             Fail("Invalid number of samples in each data record" + which + ": '" + field(216, 8, i) + "'");
         if (dmin == dmax)
             Fail("Digital minimum equals digital maximum" + which + ".");

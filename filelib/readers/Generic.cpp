@@ -39,14 +39,6 @@ const char* WordOf(const char* const (&words)[N], int index)
     return index >= 0 && static_cast<size_t>(index) < N ? words[index] : nullptr;
 }
 
-std::string Trim(const std::string& s)
-{
-    size_t b = s.find_first_not_of(" \t\r\n");
-    if (b == std::string::npos)
-        return std::string();
-    return s.substr(b, s.find_last_not_of(" \t\r\n") - b + 1);
-}
-
 // Shortest text that reads back as the same float.
 std::string FloatText(float v)
 {
@@ -87,31 +79,19 @@ std::string Escaped(const std::string& s)
     return out;
 }
 
-bool ParseInt(const std::string& text, long long& out)
-{
-    std::string t = Trim(text);
-    if (t.empty())
-        return false;
-    errno = 0;
-    char* stop = nullptr;
-    out = std::strtoll(t.c_str(), &stop, 10);
-    return errno == 0 && *stop == '\0';
-}
-
 bool ParseFloat(const std::string& text, float& out)
 {
-    std::string t = Trim(text);
-    if (t.empty())
+    double v = 0;
+    if (!ParseReal(text, v) || !std::isfinite(static_cast<float>(v)))
         return false;
-    char* stop = nullptr;
-    out = std::strtof(t.c_str(), &stop);
-    return *stop == '\0' && std::isfinite(out);
+    out = static_cast<float>(v);
+    return true;
 }
 
 // An optional integer tag: absent keeps `value`; present but unreadable fails.
 bool OptionalInt(const ecXml& xml, const char* tag, long long& value)
 {
-    return !xml.TagExists(tag) || ParseInt(xml.GetString(tag), value);
+    return !xml.TagExists(tag) || ParseInteger(xml.GetString(tag), value);
 }
 
 struct Messages {
@@ -172,11 +152,11 @@ bool CGeneric::ReadHeader()
     if (!xml.Read(GetHeaderFileName()) || xml.GetName() != "ORVA_Header")
         return false;
 
-    const int format = WordIndex(kFormatWords, Trim(xml.GetString("DataFormat")));
+    const int format = WordIndex(kFormatWords, TrimBlanks(xml.GetString("DataFormat")));
     long long chans = 0, slices = 0, epochs = 1, epochSlices = 0, offset = 0, trials = -1, runType = 0;
     float rate = 0;
-    if (format < 0 || !ParseInt(xml.GetString("NumChans"), chans) || chans < 1 || chans > kMaxChannels ||
-        !ParseInt(xml.GetString("NumSlices"), slices) || slices < 0 || slices > 0x7FFFFFFF ||
+    if (format < 0 || !ParseInteger(xml.GetString("NumChans"), chans) || chans < 1 || chans > kMaxChannels ||
+        !ParseInteger(xml.GetString("NumSlices"), slices) || slices < 0 || slices > 0x7FFFFFFF ||
         !ParseFloat(xml.GetString("SampleRate"), rate) || !(rate > 0) || !OptionalInt(xml, "NumEpochs", epochs) ||
         epochs < 0 || epochs > std::max(1LL, slices) || !OptionalInt(xml, "EpochSlices", epochSlices) ||
         !OptionalInt(xml, "OffsetToData", offset) || offset < 0 || offset > 0xFFFFFFFFLL ||
@@ -186,7 +166,7 @@ bool CGeneric::ReadHeader()
     if (channels.size() > static_cast<size_t>(chans))
         return false;
 
-    const std::string run = Trim(xml.GetString("RunType"));
+    const std::string run = TrimBlanks(xml.GetString("RunType"));
     runType = run == "SingleEpoch" ? kRunSingleEpoch : run == "MultiEpoch" ? kRunMultiEpoch
               : run == "Continuous" ? kRunContinuous : 0u;
     if (runType != 0)
@@ -196,15 +176,15 @@ bool CGeneric::ReadHeader()
     if (xml.TagExists("CntFileName"))
         m_sCntFileName = xml.GetString("CntFileName");
     m_iDataFormat = format;
-    m_bMatrixOrientation = Trim(xml.GetString("MatrixOrientation")) != "Trace_Mode";
+    m_bMatrixOrientation = TrimBlanks(xml.GetString("MatrixOrientation")) != "Trace_Mode";
     SetOffsetToData(static_cast<unsigned>(offset));
-    const std::string domain = Trim(xml.GetString("DataDomain"));
+    const std::string domain = TrimBlanks(xml.GetString("DataDomain"));
     if (domain == "FrequencyDomain")
         SetDomain(4);
     else if (domain == "TimeDomain")
         SetDomain(1);
-    m_iDataType = std::max(0, WordIndex(kDataTypeWords, Trim(xml.GetString("DataType"))));
-    m_iProbabilityType = std::max(0, WordIndex(kPValueWords, Trim(xml.GetString("PValues"))));
+    m_iDataType = std::max(0, WordIndex(kDataTypeWords, TrimBlanks(xml.GetString("DataType"))));
+    m_iProbabilityType = std::max(0, WordIndex(kPValueWords, TrimBlanks(xml.GetString("PValues"))));
     SetNumSlices(static_cast<int>(slices));
     SetNumEpochs(static_cast<int>(epochs));
     SetEpochSlices(epochSlices > 0 ? static_cast<int>(epochSlices) : static_cast<int>(slices / std::max(1LL, epochs)));
