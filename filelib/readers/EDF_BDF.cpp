@@ -267,10 +267,11 @@ void CEDF_BDF::SetChannels()
 
 std::vector<uint8_t> CEDF_BDF::SignalBytes(long long record, const Signal& s)
 {
-    std::vector<uint8_t> bytes(static_cast<size_t>(s.samples) * m_bytes);
-    const size_t got = ReadAt(GetInputFilePointer(), m_headerBytes + record * m_recordBytes + s.byteOffset,
-                              bytes.data(), bytes.size());
-    bytes.resize(got);
+    // As far as the file goes: a header may promise more samples than the file holds.
+    const long long at = m_headerBytes + record * m_recordBytes + s.byteOffset;
+    const long long wanted = std::min<long long>(static_cast<long long>(s.samples) * m_bytes, std::max(0LL, m_fileSize - at));
+    std::vector<uint8_t> bytes(static_cast<size_t>(wanted));
+    bytes.resize(wanted > 0 ? ReadAt(GetInputFilePointer(), at, bytes.data(), bytes.size()) : 0);
     return bytes;
 }
 
