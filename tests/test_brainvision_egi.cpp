@@ -217,11 +217,7 @@ TEST(EGISimple, VersionsValuesAndEvents)
     EXPECT_EQ(boundaries.GetEvent(1).GetBegin(), 2);
 
     // Damage: data shorter than the header implies, zero rate, cut header.
-    std::vector<uint8_t> bytes = v2.data();
-    Bytes shortData;
-    for (size_t i = 0; i + 2 < bytes.size(); ++i)
-        shortData.u8(bytes[i]);
-    shortData.write(dir.path("short.raw"));
+    v2.dropLast(2).write(dir.path("short.raw"));
     EGI_Simple cut(dir.path("short.raw").c_str());
     EXPECT_EQ(Message([&] { cut.Initialize(0); }), "[EGI_Simple::Initialize] The file holds 56 bytes; the header implies 58.");
     Bytes zero = EgiHeader(4, 2, 1, {});
@@ -229,11 +225,7 @@ TEST(EGISimple, VersionsValuesAndEvents)
     zero.zeros(8).write(dir.path("zero.raw"));
     EGI_Simple zeroRate(dir.path("zero.raw").c_str());
     EXPECT_EQ(Message([&] { zeroRate.Initialize(0); }), "[EGI_Simple::Initialize] The sampling rate is 0.");
-    std::vector<uint8_t> head(bytes.begin(), bytes.begin() + 34);
-    Bytes headOnly;
-    for (uint8_t b : head)
-        headOnly.u8(b);
-    headOnly.write(dir.path("head.raw"));
+    v2.head(34).write(dir.path("head.raw"));
     EGI_Simple headCut(dir.path("head.raw").c_str());
     EXPECT_EQ(Message([&] { headCut.Initialize(0); }),
               "[EGI_Simple::Initialize] The header of " + dir.path("head.raw") + " is cut short.");

@@ -248,27 +248,12 @@ TEST(EDF, RecordCountRecoveredAndPartialLastRecord)
     spec.signals[0].physMin = "-32768";
     spec.signals[0].physMax = "32767";
     Bytes file = EdfFile(spec);
-    EdfSpec recording = spec;
-    recording.records = "-1";
-    Bytes open = EdfFile(recording);
-    open.zeros(0);
-    const std::string pathOpen = dir.path("open.edf");
-    std::vector<uint8_t> bytes = file.data();
-    std::memcpy(&bytes[236], "-1      ", 8);  // still recording: the count comes from the file size
-    Bytes patched;
-    for (uint8_t b : bytes)
-        patched.u8(b);
-    patched.write(pathOpen);
-    CEDF_BDF r(pathOpen.c_str());
+    file.put_text(236, "-1      ").write(dir.path("open.edf"));  // still recording: the count comes from the file size
+    CEDF_BDF r(dir.path("open.edf").c_str());
     r.Initialize(0);
     EXPECT_EQ(r.GetNumSlices(), 6);
 
-    bytes.resize(bytes.size() - 2);  // the last record loses its last sample
-    std::memcpy(&bytes[236], "3       ", 8);
-    Bytes cut;
-    for (uint8_t b : bytes)
-        cut.u8(b);
-    cut.write(dir.path("cut.edf"));
+    file.put_text(236, "3       ").dropLast(2).write(dir.path("cut.edf"));  // the last record loses its last sample
     CEDF_BDF partial(dir.path("cut.edf").c_str());
     partial.Initialize(0);
     EXPECT_EQ(partial.GetNumSlices(), 6);

@@ -16,9 +16,7 @@ class Fiff {
 public:
     Fiff& tag(uint32_t kind, uint32_t type, const Bytes& data, uint32_t next = 0)
     {
-        m_b.u32be(kind).u32be(type).u32be(static_cast<uint32_t>(data.size())).u32be(next);
-        for (uint8_t v : data.data())
-            m_b.u8(v);
+        m_b.u32be(kind).u32be(type).u32be(static_cast<uint32_t>(data.size())).u32be(next).append(data);
         return *this;
     }
     Fiff& u32(uint32_t kind, uint32_t value, uint32_t next = 0) { return tag(kind, 3, Bytes().u32be(value), next); }
@@ -26,8 +24,7 @@ public:
     Fiff& end() { return tag(108, 0, Bytes(), 0xFFFFFFFF); }  // NOP closing the chain
     Fiff& raw(const Bytes& extra)
     {
-        for (uint8_t v : extra.data())
-            m_b.u8(v);
+        m_b.append(extra);
         return *this;
     }
     uint32_t size() const { return static_cast<uint32_t>(m_b.size()); }

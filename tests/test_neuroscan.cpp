@@ -70,25 +70,12 @@ TEST(Neuroscan, HeaderChecksInTheirOrder)
         EXPECT_EQ(bad.GetInputFilePointer(), nullptr);
     }
     NeuroscanSpec spec;
-    Bytes wrongVersion = NeuroscanHeader(spec);
-    wrongVersion.write(dir.path("v.avg"));
-    std::vector<uint8_t> bytes = wrongVersion.data();
-    bytes[7] = '_';
-    Bytes v;
-    for (uint8_t b : bytes)
-        v.u8(b);
-    v.write(dir.path("v.avg"));
+    NeuroscanHeader(spec).put_u8(7, '_').write(dir.path("v.avg"));
     CNeuroscan badVersion(dir.path("v.avg").c_str());
     EXPECT_EQ(Message([&] { badVersion.Initialize(0); }), "[CNeuroscan::Initialize] Invalid header data: " + dir.path("v.avg"));
 
     // Electrode blocks cut short: the whole header cannot be read.
-    NeuroscanHeader(spec).write(dir.path("cut.avg"));
-    Bytes cut = NeuroscanHeader(spec);
-    std::vector<uint8_t> head(cut.data().begin(), cut.data().begin() + 950);
-    Bytes partial;
-    for (uint8_t b : head)
-        partial.u8(b);
-    partial.write(dir.path("cut.avg"));
+    NeuroscanHeader(spec).head(950).write(dir.path("cut.avg"));
     CNeuroscan cutReader(dir.path("cut.avg").c_str());
     EXPECT_EQ(Message([&] { cutReader.Initialize(0); }),
               "[CNeuroscan::Initialize] Fail to read the whole header: " + dir.path("cut.avg"));
@@ -391,12 +378,7 @@ TEST(Neuroscan, EpochedFilesAndSweepEvents)
     EXPECT_EQ(sweeps.GetEvent(1).GetBegin(), 3);
 
     // A truncated second sweep: an error on reading it, one sweep event.
-    std::vector<uint8_t> bytes = build(2, false).data();
-    bytes.resize(bytes.size() - 4);
-    Bytes cut;
-    for (uint8_t b : bytes)
-        cut.u8(b);
-    cut.write(dir.path("cut.eeg"));
+    build(2, false).dropLast(4).write(dir.path("cut.eeg"));
     CNeuroscan truncated(dir.path("cut.eeg").c_str());
     truncated.Initialize(0);
     EXPECT_EQ(Message([&] { truncated.ReadData(m, 3, 1); }), "[CNeuroscan::ReadEEGData]: Error in reading epoch data.");
@@ -437,12 +419,7 @@ TEST(Neuroscan, AveragesAndVariance)
     EXPECT_EQ(var[0][0], 30.0f * 0.000001f / 4);
     EXPECT_EQ(var[1][1], -8.0f * 0.000001f);
 
-    std::vector<uint8_t> bytes = f.data();
-    bytes.resize(bytes.size() - 1);
-    Bytes cut;
-    for (uint8_t b : bytes)
-        cut.u8(b);
-    cut.write(dir.path("cut.avg"));
+    f.dropLast(1).write(dir.path("cut.avg"));
     CNeuroscan truncated(dir.path("cut.avg").c_str());
     truncated.Initialize(0);
     EXPECT_EQ(Message([&] { truncated.ReadAVGData(avg, var); }), " ORVA Error: Out of range error.");
