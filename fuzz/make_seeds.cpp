@@ -8,6 +8,7 @@
 #include "fixtures/EdfFiles.h"
 #include "fixtures/GenericFiles.h"
 #include "fixtures/NeuroscanFiles.h"
+#include "fixtures/VendorFiles.h"
 
 namespace {
 
@@ -119,12 +120,7 @@ void BrainVisionSeeds()
 void EgiSeeds()
 {
     for (int version : {2, 4, 7}) {
-        Bytes b;
-        b.u32be(static_cast<uint32_t>(version)).u16be(2014).u16be(4).u16be(8).u16be(9).u16be(46).u16be(44).u32be(736);
-        b.u16be(250).u16be(2).u16be(1).u16be(12).u16be(400);
-        if (version == 7)
-            b.u16be(1).u8(3).raw("std").u16be(2);
-        b.u32be(2).u16be(1).text("DIN1", 4);
+        Bytes b = EgiHeader(version, 2, 2, {"DIN1"}, 12, 400, 2);
         for (int s = 0; s < (version == 7 ? 2 : 1); ++s) {
             if (version == 7)
                 b.u16be(1).u32be(0);
@@ -140,53 +136,20 @@ void EgiSeeds()
 
 void ErpssSeeds()
 {
-    for (bool compressed : {false, true}) {
-        Bytes b;
-        b.u16le(0x55AA).u16le(0xB0).u16le(compressed).u16le(2).zeros(10).u16le(2).zeros(512 - 20);
-        const std::vector<uint16_t> words = {0xE064, 0xE0C8, 0x1200};  // 100, 200, then deltas 1 and 2
-        b.u16le(0x55AA).u16le(0xF0).u16le(compressed).u16le(2).zeros(2).u16le(2).zeros(8).u16le(1);
-        b.u16le(compressed ? 3 : 0).zeros(16).u16le(4000).zeros(30).u8(1).u8(2).u16le(7).zeros(512 - 76);
-        if (compressed)
-            for (uint16_t w : words)
-                b.u16le(w);
-        else
-            b.i16le(100).i16le(200).i16le(101).i16le(202);
-        Seed("erpss", compressed ? "compressed" : "plain", b.data());
-    }
-}
-
-Bytes FiffTag(uint32_t kind, uint32_t type, const Bytes& data, uint32_t next = 0)
-{
-    Bytes b;
-    b.u32be(kind).u32be(type).u32be(static_cast<uint32_t>(data.size())).u32be(next);
-    for (uint8_t v : data.data())
-        b.u8(v);
-    return b;
+    const ErpssRecord record{{{100, 200}, {101, 202}}, {{1, 2, 7}}, {}};
+    Seed("erpss", "plain", ErpssFile(false, 2, 2, {record}).data());
+    Seed("erpss", "compressed", ErpssFile(true, 2, 2, {record, record}).data());
 }
 
 void FiffSeeds()
 {
-    std::vector<uint8_t> file;
-    auto add = [&](const Bytes& b) { file.insert(file.end(), b.data().begin(), b.data().end()); };
-    add(FiffTag(100, 31, Bytes().zeros(20)));
-    add(FiffTag(204, 3, Bytes().u32be(0)));
-    add(FiffTag(200, 3, Bytes().u32be(2)));
-    add(FiffTag(201, 4, Bytes().f32be(1000)));
-    for (int c = 0; c < 2; ++c) {
-        Bytes info;
-        info.u32be(1).u32be(1).u32be(c ? 3 : 1).f32be(1).f32be(1e-12f).zeros(52).u32be(112).u32be(0).text(c ? "STI101" : "MEG0111", 16, '\0');
-        add(FiffTag(203, 30, info));
-    }
-    add(FiffTag(213, 33, Bytes().u32be(1).u32be(2).f32be(0).f32be(0.1f).f32be(0)));
-    add(FiffTag(208, 3, Bytes().u32be(3000)));
-    add(FiffTag(300, 2, Bytes().u16be(1).u16be(0).u16be(2).u16be(5)));
-    add(FiffTag(301, 3, Bytes().u32be(1)));
-    add(FiffTag(300, 4, Bytes().f32be(1).f32be(0).f32be(2).f32be(5)));
-    add(FiffTag(108, 0, Bytes(), 0xFFFFFFFF));
-    Bytes b;
-    for (uint8_t v : file)
-        b.u8(v);
-    Seed("fiff", "raw", b.data());
+    Fiff f;
+    f.tag(100, 31, Bytes().zeros(20)).u32(204, 0).u32(200, 2).f32(201, 1000);
+    f.tag(203, 30, ChInfo("MEG0111", 1, 1, 1e-12f, 112)).tag(203, 30, ChInfo("STI101", 3, 1, 1, 107));
+    f.tag(213, 33, Bytes().u32be(1).u32be(2).f32be(0).f32be(0.1f).f32be(0)).u32(208, 3000);
+    f.tag(300, 2, Bytes().u16be(1).u16be(0).u16be(2).u16be(5)).u32(301, 1);
+    f.tag(300, 4, Bytes().f32be(1).f32be(0).f32be(2).f32be(5)).end();
+    Seed("fiff", "raw", f.bytes().data());
 }
 
 void XmlSeeds()

@@ -11,6 +11,7 @@
 #include "filelib/readers/BrainVision.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/VendorFiles.h"
 
 namespace {
 std::string Header(const std::string& format, const std::string& orientation, const std::string& extra = "",
@@ -151,23 +152,6 @@ TEST(BrainVision, Latin1SegmentsAndRefusals)
     EXPECT_EQ(Message([&] { foreign.Initialize(0); }), p + "Not a BrainVision header: " + dir.path("y.vhdr"));
     EXPECT_EQ(foreign.GetFileMFR(), 0);
 }
-
-namespace {
-Bytes EgiHeader(int version, int channels, int samples, const std::vector<std::string>& codes, int bits = 0,
-                int range = 0, int segments = 1)
-{
-    Bytes b;
-    b.u32be(static_cast<uint32_t>(version)).u16be(2014).u16be(4).u16be(8).u16be(9).u16be(46).u16be(44).u32be(736);
-    b.u16be(250).u16be(static_cast<uint16_t>(channels)).u16be(1).u16be(static_cast<uint16_t>(bits)).u16be(static_cast<uint16_t>(range));
-    if (version % 2 == 1) {
-        b.u16be(2).u8(3).raw("std").u8(6).raw("target").u16be(static_cast<uint16_t>(segments));
-    }
-    b.u32be(static_cast<uint32_t>(samples)).u16be(static_cast<uint16_t>(codes.size()));
-    for (const std::string& c : codes)
-        b.text(c, 4);
-    return b;
-}
-}  // namespace
 
 TEST(EGISimple, VersionsValuesAndEvents)
 {

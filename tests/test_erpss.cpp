@@ -8,74 +8,9 @@
 #include "filelib/filelib.h"
 #include "filelib/readers/ERPSS.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/VendorFiles.h"
 
 namespace {
-// Packs nibbles into 16-bit words, most significant nibble first.
-std::vector<uint16_t> Pack(const std::vector<int>& nibbles)
-{
-    std::vector<uint16_t> words((nibbles.size() + 3) / 4, 0);
-    for (size_t i = 0; i < nibbles.size(); ++i)
-        words[i / 4] |= static_cast<uint16_t>(nibbles[i] << ((3 - i % 4) * 4));
-    return words;
-}
-
-// The smallest code for each value: absolute for a channel's first sample and for jumps beyond
-// 9 bits (values within 12 bits), else a delta.
-std::vector<int> Encode(const std::vector<std::vector<int>>& slices)
-{
-    std::vector<int> n;
-    for (size_t s = 0; s < slices.size(); ++s) {
-        for (size_t c = 0; c < slices[s].size(); ++c) {
-            const int v = slices[s][c];
-            const int d = s ? static_cast<int16_t>(v - slices[s - 1][c]) : 0;
-            if (s == 0 || d < -256 || d > 255) {
-                n.insert(n.end(), {14, (v >> 8) & 15, (v >> 4) & 15, v & 15});
-            } else if (d >= -4 && d <= 3) {
-                n.push_back(d & 7);
-            } else if (d >= -32 && d <= 31) {
-                n.insert(n.end(), {8 | ((d >> 4) & 3), d & 15});
-            } else {
-                n.insert(n.end(), {12 | ((d >> 8) & 1), (d >> 4) & 15, d & 15});
-            }
-        }
-    }
-    return n;
-}
-
-struct ErpssRecord {
-    std::vector<std::vector<int>> slices;  // [sample][channel]
-    std::vector<std::array<int, 3>> events;  // offset, condition, code
-    std::vector<uint16_t> compressedOverride;
-};
-
-Bytes ErpssFile(bool compressed, int channels, int points, const std::vector<ErpssRecord>& records,
-                uint16_t period = 4000)
-{
-    Bytes b;
-    b.u16le(0x55AA).u16le(0xB0).u16le(compressed ? 1 : 0).u16le(static_cast<uint16_t>(channels));
-    b.zeros(18 - 8).u16le(static_cast<uint16_t>(points)).zeros(512 - 20);
-    for (const ErpssRecord& r : records) {
-        std::vector<uint16_t> words = r.compressedOverride.empty() ? Pack(Encode(r.slices)) : r.compressedOverride;
-        Bytes h;
-        h.u16le(0x55AA).u16le(0xF0).u16le(compressed ? 1 : 0).u16le(static_cast<uint16_t>(channels)).zeros(2);
-        h.u16le(static_cast<uint16_t>(r.slices.size())).zeros(20 - 12).u16le(static_cast<uint16_t>(r.events.size()));
-        h.u16le(compressed ? static_cast<uint16_t>(words.size()) : 0).zeros(40 - 24).u16le(period).zeros(72 - 42);
-        for (const auto& e : r.events)
-            h.u8(static_cast<uint8_t>(e[0])).u8(static_cast<uint8_t>(e[1])).u16le(static_cast<uint16_t>(e[2]));
-        h.zeros(512 - 72 - 4 * r.events.size());
-        for (uint8_t byte : h.data())
-            b.u8(byte);
-        if (compressed)
-            for (uint16_t w : words)
-                b.u16le(w);
-        else
-            for (const auto& slice : r.slices)
-                for (int v : slice)
-                    b.i16le(static_cast<int16_t>(v));
-    }
-    return b;
-}
-
 // A probe reader that decodes a hand-made nibble stream through the protected decoder.
 class Decoder : public ecERPSS {
 public:

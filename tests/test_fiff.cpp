@@ -9,41 +9,9 @@
 #include "filelib/filelib.h"
 #include "filelib/readers/Neuromag_FIFF.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/VendorFiles.h"
 
 namespace {
-// A FIFF chain built tag by tag; every tag's next is 0 (sequential) unless given.
-class Fiff {
-public:
-    Fiff& tag(uint32_t kind, uint32_t type, const Bytes& data, uint32_t next = 0)
-    {
-        m_b.u32be(kind).u32be(type).u32be(static_cast<uint32_t>(data.size())).u32be(next).append(data);
-        return *this;
-    }
-    Fiff& u32(uint32_t kind, uint32_t value, uint32_t next = 0) { return tag(kind, 3, Bytes().u32be(value), next); }
-    Fiff& f32(uint32_t kind, float value) { return tag(kind, 4, Bytes().f32be(value)); }
-    Fiff& end() { return tag(108, 0, Bytes(), 0xFFFFFFFF); }  // NOP closing the chain
-    Fiff& raw(const Bytes& extra)
-    {
-        m_b.append(extra);
-        return *this;
-    }
-    uint32_t size() const { return static_cast<uint32_t>(m_b.size()); }
-    void write(const std::string& path) const { m_b.write(path); }
-
-private:
-    Bytes m_b;
-};
-
-Bytes ChInfo(const std::string& name, uint32_t kind, float range, float cal, uint32_t unit, uint32_t unitMul = 0)
-{
-    Bytes b;
-    b.u32be(7).u32be(8).u32be(kind).f32be(range).f32be(cal).u32be(3012);
-    for (int i = 0; i < 12; ++i)
-        b.f32be(0.5f * static_cast<float>(i));
-    b.u32be(unit).u32be(unitMul).text(name, 16, '\0');
-    return b;
-}
-
 // FILE_ID, an SFREQ before MEAS_DATE (ignored), MEAS_DATE, NCHAN, SFREQ.
 Fiff Header(uint32_t channels)
 {

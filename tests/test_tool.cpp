@@ -8,7 +8,9 @@
 #include "filelib/filelib.h"
 #include "fixtures/GenericFiles.h"
 #include "fixtures/Json.h"
+#include "fixtures/EdfFiles.h"
 #include "fixtures/NeuroscanFiles.h"
+#include "fixtures/VendorFiles.h"
 
 namespace {
 struct ToolRun {
@@ -45,7 +47,47 @@ std::vector<std::string> Recordings(const TempDir& dir)
         cnt.i16le(v);
     AppendEventTable(cnt, 2, {{9, 0, static_cast<int32_t>(hs + 2 * 4)}});
     cnt.write(dir.path("n.cnt"));
-    return {generic, dir.path("n.cnt")};
+
+    EdfSpec edf;
+    edf.reserved = "EDF+C";
+    EdfSignal fz;
+    fz.samples = 4;
+    fz.values = {1, -2, 3, -4};
+    EdfSignal annotations;
+    annotations.label = "EDF Annotations";
+    annotations.samples = 12;
+    annotations.annotations = {std::string("+0\x14\x14\0+0.5\x14stim\x14", 16)};
+    edf.signals = {fz, annotations};
+    EdfFile(edf).write(dir.path("e.edf"));
+    EdfSpec bdf;
+    bdf.bdf = true;
+    EdfSignal status;
+    status.label = "Status";
+    status.samples = 4;
+    status.values = {0, 0, 5, 5};
+    bdf.signals = {fz, status};
+    EdfFile(bdf).write(dir.path("b.bdf"));
+
+    WriteTextFile(dir.path("v.vhdr"), "Brain Vision Data Exchange Header File Version 1.0\n[Common Infos]\nDataFile=v.eeg\n"
+                                      "MarkerFile=v.vmrk\nNumberOfChannels=1\nSamplingInterval=2000\n[Channel Infos]\n"
+                                      "Ch1=Cz,,0.5,uV\n");
+    WriteTextFile(dir.path("v.vmrk"), "[Marker Infos]\nMk1=Stimulus,S  3,2,1,0\n");
+    Bytes().i16le(10).i16le(-20).i16le(30).i16le(-40).write(dir.path("v.eeg"));
+
+    Bytes egi = EgiHeader(4, 1, 3, {"DIN1"});
+    for (float v : {1.5f, 0.0f, -2.5f, 1.0f, 3.5f, 0.0f})
+        egi.f32be(v);
+    egi.write(dir.path("g.raw"));
+
+    ErpssFile(true, 1, 3, {{{{5}, {7}, {-1}}, {{1, 2, 9}}, {}}}).write(dir.path("r.raw"));
+
+    Fiff fiff;
+    fiff.tag(100, 31, Bytes().zeros(4)).u32(204, 0).u32(200, 2).f32(201, 100);
+    fiff.tag(203, 30, ChInfo("MEG0111", 1, 1, 1e-12f, 112)).tag(203, 30, ChInfo("STI101", 3, 1, 1, 107));
+    fiff.tag(300, 3, Bytes().u32be(5).u32be(0).u32be(6).u32be(4).u32be(7).u32be(4)).end();
+    fiff.write(dir.path("m.fif"));
+    return {generic,           dir.path("n.cnt"), dir.path("e.edf"), dir.path("b.bdf"), dir.path("v.vhdr"),
+            dir.path("g.raw"), dir.path("r.raw"), dir.path("m.fif")};
 }
 }  // namespace
 
