@@ -17,6 +17,20 @@ std::vector<std::vector<double>> Values()
     return {{0, 1, 2, 3, 4, 5}, {10, 20, 30, 40, 50, 60}, {100, 101, 102, 103, 104, 105}};
 }
 
+// Three channels of six slices in three epochs of two (the values of Values()).
+GenericSpec ThreeEpochs()
+{
+    GenericSpec spec;
+    spec.chans = 3;
+    spec.slices = 6;
+    spec.epochs = 3;
+    spec.runType = "MultiEpoch";
+    spec.names = {"A", "B", "C"};
+    spec.types = {1024, 1024, 1024};
+    spec.scales = {1, 1, 1};
+    return spec;
+}
+
 CGeneric Configured(const std::string& path)
 {
     CGeneric g(path.c_str());
@@ -202,14 +216,7 @@ TEST(CGenericData, RoundTripsEveryFormatOrientationAndRunType)
 TEST(CGenericData, EpochsSlicesAndTheirMessages)
 {
     TempDir dir;
-    GenericSpec spec;
-    spec.chans = 3;
-    spec.slices = 6;
-    spec.epochs = 3;
-    spec.runType = "MultiEpoch";
-    spec.names = {"A", "B", "C"};
-    spec.types = {1024, 1024, 1024};
-    spec.scales = {1, 1, 1};
+    GenericSpec spec = ThreeEpochs();
     spec.sliceMode = false;
     const std::string path = WriteGenericPair(dir, "e.dat", spec, Values());
     CGeneric g(path.c_str());
@@ -265,11 +272,7 @@ TEST(CGenericData, TruncatedDataAfterInitializeGivesTheReadTexts)
 TEST(GenericExport, WritesAPairThatReadsBackThroughDetection)
 {
     TempDir dir;
-    GenericSpec spec;
-    spec.chans = 3;
-    spec.slices = 6;
-    spec.epochs = 3;
-    spec.runType = "MultiEpoch";
+    GenericSpec spec = ThreeEpochs();
     spec.names = {"A", "B&amp;C", "D"};
     spec.types = {1024, 0x200, 0x8000};
     spec.scales = {1, 0.25f, 3};
