@@ -63,8 +63,10 @@ TEST(BrokenFiles, ClearAnswersAndNoAllocationBeyondTheFile)
     }
 }
 
-TEST(BrokenFiles, SegmentsOfZeroSamplesAreRefused)
+TEST(BrokenFiles, SegmentsOfZeroSamplesAndOverflowingSizesAreRefused)
 {
+    EXPECT_EQ(Exercise(kBroken + "egi/data-size-beyond-64-bits.edf"),
+              "[EGI_Simple::Initialize] The header declares more data than any file can hold.");
     EXPECT_EQ(Exercise(kBroken + "egi/segments-of-zero-samples.raw"),
               "[EGI_Simple::Initialize] The header declares segments of 0 samples.");
 }

@@ -101,6 +101,8 @@ void EGI_Simple::Initialize(int)
     const long long sliceBytes = static_cast<long long>(m_eegChannels + m_eventChannels) * m_bytes;
     const long long segmentBytes =
         (Segmented(m_version) ? kSegmentHeaderBytes : 0) + m_segmentSamples * sliceBytes;
+    if (m_segments > 0 && segmentBytes > (LLONG_MAX - m_dataStart) / m_segments)
+        Fail("The header declares more data than any file can hold.");
     const long long needed = m_dataStart + m_segments * segmentBytes;
     if (needed > fileSize)
         Fail("The file holds " + std::to_string(fileSize) + " bytes; the header implies " + std::to_string(needed) + ".");
