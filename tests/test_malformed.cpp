@@ -191,6 +191,16 @@ TEST(Malformed, EdfAndBdf)
             spec.signals[1].annotations = {"+0\x14\x14", std::string(onset) + "\x14\x14"};
             sweep.Try(Of(EdfFile(spec)), std::string("record onset ") + onset);
         }
+        // Records whose size times their count overflows 64 bits.
+        EdfSpec wide;
+        wide.bdf = bdf;
+        wide.records = "99999999";
+        for (int k = 0; k < 64; ++k) {
+            EdfSignal big;
+            big.samples = 536000000;
+            wide.signals.push_back(big);
+        }
+        sweep.Try(Of(EdfHeader(wide)), "64 signals of 536,000,000 samples in 99,999,999 records");
         EXPECT_GT(sweep.Refused(), 0);
     }
 }
@@ -306,7 +316,7 @@ TEST(Malformed, ErpssAndFiff)
     }
     f.Integers(Of(fiff), sizes, 4, true);
     f.Integers(Of(fiff), nexts, 4, true);
-    f.Integers(Of(fiff), {56, 76, 196 - 192 + 192 + 4}, 4, true);
+    f.Integers(Of(fiff), {56, 76, 208, 236}, 4, true);  // NCHAN, SFREQ, a sample, the skip count
     Buffer nanRate = Of(fiff);
     nanRate[76] = 0x7F, nanRate[77] = 0xC0, nanRate[78] = 0, nanRate[79] = 0;
     f.Try(nanRate, "NaN SFREQ");

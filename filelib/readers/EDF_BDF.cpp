@@ -146,7 +146,7 @@ void CEDF_BDF::Initialize(int bytesPerSample)
     const long long available = m_fileSize - headerBytes;
     if (records == -1)
         records = available / m_recordBytes;  // still recording: what the file holds
-    else if (records * m_recordBytes > available)
+    else if (records > available / m_recordBytes)
         records = (available + m_recordBytes - 1) / m_recordBytes;  // a partial last record is read as far as it goes
     m_records = records;
     const std::string reserved = ByteCursor(fixed.data(), fixed.size()).str(192, 44);

@@ -590,6 +590,13 @@ void ecNeuromag_FIFF::BuildBuffers()
     m_buffers.clear();
     const long long channels = GetNumChans();
     long long slice = 0, pendingSkipBuffers = 0, lastSlices = 0;
+    const auto tooLong = [] { Fail("[ecNeuromag_FIFF::Initialize] The recording holds more than 2147483647 slices."); };
+    // Skipped buffers count in units of a buffer's slices; checked before they are multiplied.
+    auto skipBuffers = [&](long long buffers, long long slicesEach) {
+        if (buffers > 0 && slicesEach > 0 && buffers > INT_MAX / slicesEach)
+            tooLong();
+        return buffers > 0 ? buffers * slicesEach : 0;
+    };
     auto addSkip = [&](long long slices) {
         if (slices > 0) {
             m_buffers.push_back({slice, slices, -1, 0, 0});
@@ -611,17 +618,17 @@ void ecNeuromag_FIFF::BuildBuffers()
             if (r.dataPos + static_cast<long long>(r.size) > m_fileSize)
                 Fail("[ecNeuromag_FIFF::Initialize] A DATA_BUFFER runs past the end of the file.");
             lastSlices = r.size / (channels * bytes);
-            addSkip(pendingSkipBuffers * lastSlices);
+            addSkip(skipBuffers(pendingSkipBuffers, lastSlices));
             pendingSkipBuffers = 0;
             m_buffers.push_back({slice, lastSlices, r.dataPos, bytes, r.type});
             slice += lastSlices;
         }
-        if (slice > INT_MAX)
-            Fail("[ecNeuromag_FIFF::Initialize] The recording holds more than 2147483647 slices.");
+        if (slice > INT_MAX || pendingSkipBuffers > INT_MAX)
+            tooLong();
     }
-    addSkip(pendingSkipBuffers * lastSlices);
+    addSkip(skipBuffers(pendingSkipBuffers, lastSlices));
     if (slice > INT_MAX)
-        Fail("[ecNeuromag_FIFF::Initialize] The recording holds more than 2147483647 slices.");
+        tooLong();
 }
 
 int ecNeuromag_FIFF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
