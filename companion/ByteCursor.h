@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 class ByteCursor {
@@ -74,6 +75,50 @@ private:
 };
 
 // Little- and big-endian decoding of raw bytes already known to be in range (data paths).
+// On hosts whose byte order the compiler reports, a word is loaded whole and swapped when
+// needed (one instruction each); elsewhere it is assembled byte by byte.
+#if defined(__BYTE_ORDER__) && (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ || __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__)
+namespace byte_order_detail {
+constexpr bool kLittle = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
+template <typename T>
+inline T Load(const uint8_t* p)
+{
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+}  // namespace byte_order_detail
+inline uint16_t LoadU16LE(const uint8_t* p)
+{
+    const uint16_t v = byte_order_detail::Load<uint16_t>(p);
+    return byte_order_detail::kLittle ? v : __builtin_bswap16(v);
+}
+inline uint32_t LoadU32LE(const uint8_t* p)
+{
+    const uint32_t v = byte_order_detail::Load<uint32_t>(p);
+    return byte_order_detail::kLittle ? v : __builtin_bswap32(v);
+}
+inline uint64_t LoadU64LE(const uint8_t* p)
+{
+    const uint64_t v = byte_order_detail::Load<uint64_t>(p);
+    return byte_order_detail::kLittle ? v : __builtin_bswap64(v);
+}
+inline uint16_t LoadU16BE(const uint8_t* p)
+{
+    const uint16_t v = byte_order_detail::Load<uint16_t>(p);
+    return byte_order_detail::kLittle ? __builtin_bswap16(v) : v;
+}
+inline uint32_t LoadU32BE(const uint8_t* p)
+{
+    const uint32_t v = byte_order_detail::Load<uint32_t>(p);
+    return byte_order_detail::kLittle ? __builtin_bswap32(v) : v;
+}
+inline uint64_t LoadU64BE(const uint8_t* p)
+{
+    const uint64_t v = byte_order_detail::Load<uint64_t>(p);
+    return byte_order_detail::kLittle ? __builtin_bswap64(v) : v;
+}
+#else
 inline uint16_t LoadU16LE(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
 inline uint32_t LoadU32LE(const uint8_t* p)
 {
@@ -94,6 +139,7 @@ inline uint64_t LoadU64BE(const uint8_t* p)
 {
     return (static_cast<uint64_t>(LoadU32BE(p)) << 32) | static_cast<uint64_t>(LoadU32BE(p + 4));
 }
+#endif
 float BitsToFloat(uint32_t bits);
 double BitsToDouble(uint64_t bits);
 uint32_t FloatToBits(float value);
