@@ -159,6 +159,7 @@ void CNeuroscan::ReadElectrodes()
         std::string volts = "V";
         SetChanUnit(i, volts);
     }
+    SetContinuousFactors();
 }
 
 void CNeuroscan::Set_nBytes_MultiEpoch()
@@ -400,16 +401,16 @@ int CNeuroscan::ReadData(ecLabeledMatrix<float>& data, int first, int count)
     return read;
 }
 
-void CNeuroscan::ContinuousFactors(std::vector<float>& factors, std::vector<float>& baselines) const
+void CNeuroscan::SetContinuousFactors()
 {
-    factors.resize(m_electrodes.size());
-    baselines.resize(m_electrodes.size());
+    m_factors.resize(m_electrodes.size());
+    m_baselines.resize(m_electrodes.size());
     for (size_t c = 0; c < m_electrodes.size(); ++c) {
         const Electrode& e = m_electrodes[c];
-        factors[c] = e.sensitivity * e.calibration * kContinuousVoltsPerCount;
+        m_factors[c] = e.sensitivity * e.calibration * kContinuousVoltsPerCount;
         // The baseline is scaled by 1e-6 before it is subtracted: it almost vanishes, as it
         // always has in this format's readers.
-        baselines[c] = static_cast<float>(e.baseline) * 0.000001f;
+        m_baselines[c] = static_cast<float>(e.baseline) * 0.000001f;
     }
 }
 
@@ -441,8 +442,6 @@ int CNeuroscan::ReadMultiplexed(ecLabeledMatrix<float>& data, int first, int cou
     if (got < m_raw.size() && std::ferror(fp))
         Fail(std::string(who) + "Error in reading CNT data.");
     const int slices = static_cast<int>(got / sliceBytes);
-    std::vector<float> factors, baselines;
-    ContinuousFactors(factors, baselines);
     std::vector<float*> rows(static_cast<size_t>(m_iChannels));
     for (int c = 0; c < m_iChannels; ++c) {
         rows[static_cast<size_t>(c)] = data[c];
@@ -450,10 +449,10 @@ int CNeuroscan::ReadMultiplexed(ecLabeledMatrix<float>& data, int first, int cou
     }
     if (width == 2)
         Deinterleave(m_raw.data(), static_cast<size_t>(slices), static_cast<size_t>(m_iChannels), 2, sliceBytes,
-                     rows.data(), baselines.data(), factors.data(), Int16At);
+                     rows.data(), m_baselines.data(), m_factors.data(), Int16At);
     else
         Deinterleave(m_raw.data(), static_cast<size_t>(slices), static_cast<size_t>(m_iChannels), 4, sliceBytes,
-                     rows.data(), baselines.data(), factors.data(), Int32At);
+                     rows.data(), m_baselines.data(), m_factors.data(), Int32At);
     return slices;
 }
 
@@ -470,8 +469,6 @@ int CNeuroscan::ReadBlocked(ecLabeledMatrix<float>& data, int first, int count)
     const long long firstBlock = first / blockSlices;
     const long long lastBlock = (static_cast<long long>(first) + count - 1) / blockSlices;
     const long long blocksPerRead = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / blockBytes);
-    std::vector<float> factors, baselines;
-    ContinuousFactors(factors, baselines);
     FILE* fp = GetInputFilePointer();
     int slicesRead = 0;
     for (long long block = firstBlock; block <= lastBlock; block += blocksPerRead) {
@@ -498,7 +495,7 @@ int CNeuroscan::ReadBlocked(ecLabeledMatrix<float>& data, int first, int count)
                 // Each channel's run within a block is contiguous: one tight loop per run.
                 const uint8_t* src = m_raw.data() + b * blockBytes + (c * blockSlices + (from - blockStart)) * 2;
                 float* out = data[c] + (from - first);
-                const float f = factors[static_cast<size_t>(c)], base = baselines[static_cast<size_t>(c)];
+                const float f = m_factors[static_cast<size_t>(c)], base = m_baselines[static_cast<size_t>(c)];
                 for (long long t = 0; t < end - from; ++t)
                     out[t] = (Int16At(src + 2 * t) - base) * f;
             }

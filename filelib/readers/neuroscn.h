@@ -57,7 +57,7 @@ private:
                         const char* readMsg);
     void ReadEventTable();
     int SliceOfEvent(const uint8_t* record) const;
-    void ContinuousFactors(std::vector<float>& factors, std::vector<float>& baselines) const;
+    void SetContinuousFactors();
     [[noreturn]] void HeaderError(const std::string& text);
 
     std::vector<uint8_t> m_header;        // setup block and electrode blocks
@@ -78,5 +78,7 @@ private:
     double m_dScale = 0;
     bool m_bVariance = false;
     std::vector<Electrode> m_electrodes;
+    std::vector<float> m_factors;    // continuous data: volts per count
+    std::vector<float> m_baselines;  // continuous data: baseline x 1e-6
     std::vector<uint8_t> m_raw;  // reusable block of stored bytes
 };
