@@ -36,7 +36,7 @@ std::string Exercise(const std::string& path)
 std::vector<std::string> BrokenFiles()
 {
     std::vector<std::string> out;
-    for (const char* family : {"edf", "egi"}) {
+    for (const char* family : {"edf", "egi", "fiff"}) {
         const std::string dir = kBroken + family;
         if (DIR* d = opendir(dir.c_str())) {
             while (dirent* e = readdir(d))
@@ -52,7 +52,7 @@ std::vector<std::string> BrokenFiles()
 TEST(BrokenFiles, ClearAnswersAndNoAllocationBeyondTheFile)
 {
     const std::vector<std::string> files = BrokenFiles();
-    ASSERT_GE(files.size(), 4u);
+    ASSERT_GE(files.size(), 5u);
     for (const std::string& path : files) {
         allocation_probe::Reset();
         const std::string outcome = Exercise(path);
@@ -69,4 +69,18 @@ TEST(BrokenFiles, SegmentsOfZeroSamplesAndOverflowingSizesAreRefused)
               "[EGI_Simple::Initialize] The header declares more data than any file can hold.");
     EXPECT_EQ(Exercise(kBroken + "egi/segments-of-zero-samples.raw"),
               "[EGI_Simple::Initialize] The header declares segments of 0 samples.");
+}
+
+// A skip of 134 million slices before the data: the events come from the data buffers only.
+TEST(BrokenFiles, EventsOfAFiffFileWithALongSkip)
+{
+    CFilelib f;
+    std::string name = kBroken + "fiff/long-skip-before-the-data.fif";
+    ASSERT_EQ(f.GuessFileMFR(name), 20);
+    f.Initialize(0);
+    EXPECT_GT(f.GetNumSlices(), 100000000);
+    ecEventList events;
+    ASSERT_EQ(f.InitialEventList(&events, nullptr), 1);
+    EXPECT_EQ(events.GetEvent(0).GetBegin(), 1);
+    EXPECT_EQ(events.GetEvent(0).GetEventCode(), 3);
 }

@@ -681,22 +681,31 @@ int ecNeuromag_FIFF::InitialEventList(ecEventList* events, ecProgressDlg*)
     std::vector<long> previous(stim.size(), 0);
     std::vector<ecEvent> found;
     ecLabeledMatrix<float> block;
-    for (int first = 0; first < GetNumSlices(); first += 5000) {
-        const int n = ReadData(block, first, 5000);
-        for (size_t k = 0; k < stim.size(); ++k) {
-            const float* row = block[stim[k]];
-            for (int t = 0; t < n; ++t) {
-                const long value = std::isfinite(row[t]) ? std::lround(row[t]) : 0;
-                if ((first > 0 || t > 0) && value != 0 && value > previous[k]) {
-                    ecEvent e;
-                    e.SetEventName(std::to_string(value));
-                    e.SetEventCode(static_cast<int>(value));
-                    e.SetKind(2);
-                    e.SetBegin(first + t);
-                    e.SetEnd(first + t);
-                    found.push_back(e);
+    // Only the data buffers are read: a skipped stretch reads as zeros, so it leaves every
+    // stimulus channel at 0 and holds no rise.
+    for (const Buffer& buffer : m_buffers) {
+        if (buffer.dataPos < 0) {
+            std::fill(previous.begin(), previous.end(), 0);
+            continue;
+        }
+        const long long end = buffer.firstSlice + buffer.slices;
+        for (long long first = buffer.firstSlice; first < end; first += 5000) {
+            const int n = ReadData(block, static_cast<int>(first), static_cast<int>(std::min<long long>(5000, end - first)));
+            for (size_t k = 0; k < stim.size(); ++k) {
+                const float* row = block[stim[k]];
+                for (int t = 0; t < n; ++t) {
+                    const long value = std::isfinite(row[t]) ? std::lround(row[t]) : 0;
+                    if ((first > 0 || t > 0) && value != 0 && value > previous[k]) {
+                        ecEvent e;
+                        e.SetEventName(std::to_string(value));
+                        e.SetEventCode(static_cast<int>(value));
+                        e.SetKind(2);
+                        e.SetBegin(static_cast<long>(first + t));
+                        e.SetEnd(static_cast<long>(first + t));
+                        found.push_back(e);
+                    }
+                    previous[k] = value;
                 }
-                previous[k] = value;
             }
         }
     }
