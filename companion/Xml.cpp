@@ -430,3 +430,17 @@ bool ecXml::GetBeginEnd(int& begin, int& end, const std::string& tag, char* name
     CopyOut(name, size, view.GetString("Name"));
     return true;
 }
+
+std::string XmlEscaped(const std::string& text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        if (c == '&') out += "&amp;";
+        else if (c == '<') out += "&lt;";
+        else if (c == '>') out += "&gt;";
+        else if (c == '"') out += "&quot;";
+        else out += c;
+    }
+    return out;
+}

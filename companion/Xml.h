@@ -63,3 +63,6 @@ private:
 
 // Parses XML text into a tree; returns null on malformed input. Exposed for tests and fuzzing.
 std::shared_ptr<ecXmlNode> ParseXmlText(const std::string& text);
+
+// Text made safe for element content and attribute values (the parser reads it back).
+std::string XmlEscaped(const std::string& text);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "companion/Xml.h"
 #include "filelib/filelib.h"
 
 namespace {
@@ -18,19 +19,6 @@ constexpr int kTop = 40;
 constexpr int kLane = 60;
 constexpr int kBottom = 50;
 constexpr int kBlock = 5000;
-
-std::string Escaped(const std::string& s)
-{
-    std::string out;
-    for (char c : s) {
-        if (c == '&') out += "&amp;";
-        else if (c == '<') out += "&lt;";
-        else if (c == '>') out += "&gt;";
-        else if (c == '"') out += "&quot;";
-        else out += c;
-    }
-    return out;
-}
 
 // Min and max of each pixel column, read block by block.
 struct Envelope {
@@ -102,7 +90,7 @@ void Trace(std::ostringstream& svg, const Envelope& e, double laneCenter, double
     if (!std::isfinite(lo))
         return;
     svg << "<text x=\"" << kLeft - 8 << "\" y=\"" << laneCenter + 18 << "\" text-anchor=\"end\" font-size=\"9\" "
-        << "fill=\"#777\">" << Escaped(RangeText(static_cast<double>(hi) - lo, unit)) << "</text>\n";
+        << "fill=\"#777\">" << XmlEscaped(RangeText(static_cast<double>(hi) - lo, unit)) << "</text>\n";
     const double mid = (static_cast<double>(lo) + hi) / 2;
     const double scale = hi > lo ? 0.9 * kLane / (static_cast<double>(hi) - lo) : 0.0;
     svg << "<polyline fill=\"none\" stroke=\"#1f4e9c\" stroke-width=\"0.8\" points=\"";
@@ -132,7 +120,7 @@ std::string RenderSvg(CFilelib& f, const std::string& title, long first, long co
         << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << kWidth << "\" height=\"" << height
         << "\" viewBox=\"0 0 " << kWidth << ' ' << height << "\" font-family=\"sans-serif\" font-size=\"12\">\n"
         << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n"
-        << "<text x=\"" << kLeft << "\" y=\"22\" font-size=\"14\">" << Escaped(title) << "</text>\n";
+        << "<text x=\"" << kLeft << "\" y=\"22\" font-size=\"14\">" << XmlEscaped(title) << "</text>\n";
 
     const std::vector<Envelope> env = count > 0 ? Envelopes(f, first, count, channels, columns) : std::vector<Envelope>();
     for (size_t i = 0; i < channels.size(); ++i) {
@@ -141,7 +129,7 @@ std::string RenderSvg(CFilelib& f, const std::string& title, long first, long co
         f.GetChanName(channels[i], name);
         f.GetChanUnit(channels[i], unit);
         svg << "<g class=\"trace\"><text x=\"" << kLeft - 8 << "\" y=\"" << center + 4 << "\" text-anchor=\"end\">"
-            << Escaped(name) << "</text>\n";
+            << XmlEscaped(name) << "</text>\n";
         svg << "<line x1=\"" << kLeft << "\" x2=\"" << kWidth - kRight << "\" y1=\"" << center << "\" y2=\"" << center
             << "\" stroke=\"#e6e6e6\"/>\n";
         if (i < env.size())
@@ -172,7 +160,7 @@ std::string RenderSvg(CFilelib& f, const std::string& title, long first, long co
         const double x = kLeft + static_cast<double>(e.GetBegin() - first) / std::max(count, 1L) * plotWidth;
         svg << "<g class=\"event\"><line x1=\"" << x << "\" x2=\"" << x << "\" y1=\"" << kTop << "\" y2=\"" << axisY
             << "\" stroke=\"#d0342c\" stroke-dasharray=\"4,3\"/><text x=\"" << x + 2 << "\" y=\"" << kTop - 4
-            << "\" fill=\"#d0342c\" font-size=\"10\">" << Escaped(e.GetEventName()) << "</text></g>\n";
+            << "\" fill=\"#d0342c\" font-size=\"10\">" << XmlEscaped(e.GetEventName()) << "</text></g>\n";
     }
     svg << "</svg>\n";
     return svg.str();

@@ -67,18 +67,6 @@ std::string RateText(float period)
     return out.str();
 }
 
-std::string Escaped(const std::string& s)
-{
-    std::string out;
-    for (char c : s) {
-        if (c == '&') out += "&amp;";
-        else if (c == '<') out += "&lt;";
-        else if (c == '>') out += "&gt;";
-        else out += c;
-    }
-    return out;
-}
-
 bool ParseFloat(const std::string& text, float& out)
 {
     double v = 0;
@@ -224,16 +212,16 @@ void CGeneric::WriteHeaderText(std::ostream& out, bool withEpochs)
 {
     const unsigned runType = GetRunType();
     out << "<ORVA_Header>\n";
-    out << "<DataFileName>" << Escaped(m_sInputDataFile) << "</DataFileName>\n";
-    out << "<SID>" << Escaped(GetSID()) << "</SID>\n";
-    out << "<CID>" << Escaped(GetCID()) << "</CID>\n";
+    out << "<DataFileName>" << XmlEscaped(m_sInputDataFile) << "</DataFileName>\n";
+    out << "<SID>" << XmlEscaped(GetSID()) << "</SID>\n";
+    out << "<CID>" << XmlEscaped(GetCID()) << "</CID>\n";
     const char* runWord = runType == kRunSingleEpoch ? "SingleEpoch"
                           : runType == kRunMultiEpoch ? "MultiEpoch"
                           : runType == kRunContinuous ? "Continuous" : nullptr;
     if (runWord)
         out << "<RunType>" << runWord << "</RunType>\n";
     if (runType == kRunSingleEpoch && !m_sCntFileName.empty())
-        out << "<CntFileName>" << Escaped(m_sCntFileName) << "</CntFileName>\n";
+        out << "<CntFileName>" << XmlEscaped(m_sCntFileName) << "</CntFileName>\n";
     if (m_iDataFormat != kFmtComplex && WordOf(kFormatWords, m_iDataFormat))
         out << "<DataFormat>" << WordOf(kFormatWords, m_iDataFormat) << "</DataFormat>\n";
     out << "<MatrixOrientation>" << (m_bMatrixOrientation ? "Slice_Mode" : "Trace_Mode") << "</MatrixOrientation>\n";
@@ -261,10 +249,10 @@ void CGeneric::WriteHeaderText(std::ostream& out, bool withEpochs)
         GetChanName(c, name);
         GetChanUnit(c, unit);
         out << "<Channel>\n"
-            << "<Name>" << Escaped(name) << "</Name>\n"
+            << "<Name>" << XmlEscaped(name) << "</Name>\n"
             << "<Type>" << GetChanType(c) << "</Type>\n"
             << "<Scale>" << FloatText(GetChanScale(c)) << "</Scale>\n"
-            << "<Unit>" << Escaped(unit) << "</Unit>\n"
+            << "<Unit>" << XmlEscaped(unit) << "</Unit>\n"
             << "<UseUnit>" << (UseChanUnit(c) ? 1 : 0) << "</UseUnit>\n"
             << "<UsePrefix>" << (UseChanUnitPrefix(c) ? 1 : 0) << "</UsePrefix>\n"
             << "</Channel>\n";
@@ -306,11 +294,9 @@ void CGeneric::Initialize(int)
 
 void CGeneric::OpenDataFile()
 {
-    CloseInputFile();
-    FILE* fp = std::fopen(m_sInputDataFile.c_str(), "rb");
+    FILE* fp = OpenInputFile(m_sInputDataFile);
     if (!fp)
         throw ecError("[CGeneric::Initialize] Unable to open file:" + m_sInputDataFile);
-    SetInputFilePointer(fp);
     const int64_t size = FileLength(fp);
     if (m_iDataFormat == kFmtASCII)
         LoadAsciiValues(fp);
