@@ -242,6 +242,16 @@ void ecFilebase::SetNumChans(int n)
     m_vbUseChanUnitPrefix.assign(count, 0);
 }
 
+FILE* ecFilebase::OpenInputFile(const std::string& path)
+{
+    FILE* fp = std::fopen(path.c_str(), "rb");
+    if (fp) {
+        CloseInputFile();
+        SetInputFilePointer(fp);
+    }
+    return fp;
+}
+
 void ecFilebase::LabelRows(ecLabeledMatrix<float>& data)
 {
     const long rows = std::min<long>(data.nrow(), m_iNumChans);

@@ -141,6 +141,9 @@ public:
 protected:
     // Lets go of the input handle (closing it unless a copy still holds it).
     void CloseInputFile() { m_inputFile.Close(); }
+    // Opens `path` for binary reading as the input handle in place of the current one;
+    // null (current handle kept) when it cannot be opened.
+    FILE* OpenInputFile(const std::string& path);
     // The stored sample period (0 when not set).
     float GetSamplePeriod() const { return m_fSamplePeriod; }
     // Row labels of a delivered block: channel name and unit of every channel.

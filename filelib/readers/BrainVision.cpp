@@ -220,11 +220,9 @@ void BrainVision::Initialize(int)
     const auto channelInfos = ini.find("Channel Infos");
     ReadChannels(channelInfos == ini.end() ? std::map<std::string, std::string>() : channelInfos->second);
 
-    FILE* fp = std::fopen(m_dataFile.c_str(), "rb");
+    FILE* fp = OpenInputFile(m_dataFile);
     if (!fp)
         Fail("Cannot open the data file " + m_dataFile);
-    CloseInputFile();
-    SetInputFilePointer(fp);
     SetTimeBase(ini, FileLength(fp));
 }
 

@@ -116,11 +116,9 @@ void CEDF_BDF::Fail(const std::string& text)
 void CEDF_BDF::Initialize(int bytesPerSample)
 {
     const std::string name = GetInputFileName();
-    FILE* fp = std::fopen(name.c_str(), "rb");
+    FILE* fp = OpenInputFile(name);
     if (!fp)
         Fail("Cannot open file: " + name);
-    CloseInputFile();
-    SetInputFilePointer(fp);
     m_fileSize = FileLength(fp);
     std::vector<uint8_t> fixed(kFixedBytes);
     if (m_fileSize < static_cast<long long>(kFixedBytes) || ReadAt(fp, 0, fixed.data(), kFixedBytes) != kFixedBytes)

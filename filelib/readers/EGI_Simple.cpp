@@ -40,11 +40,9 @@ void EGI_Simple::Fail(const std::string& text)
 void EGI_Simple::Initialize(int)
 {
     const std::string name = GetInputFileName();
-    FILE* fp = std::fopen(name.c_str(), "rb");
+    FILE* fp = OpenInputFile(name);
     if (!fp)
         Fail("Cannot open file: " + name);
-    CloseInputFile();
-    SetInputFilePointer(fp);
     const long long fileSize = FileLength(fp);
     // The header may be long (categories, event codes), but never beyond 64 KiB of fields.
     std::vector<uint8_t> head(static_cast<size_t>(std::clamp<long long>(fileSize, 0, 1 << 16)));

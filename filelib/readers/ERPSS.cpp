@@ -66,11 +66,9 @@ void ecERPSS::Initialize(int)
     const std::string name = GetInputFileName();
     if (name.empty())
         Fail("Initialize", "The time series name is not set.");
-    FILE* fp = std::fopen(name.c_str(), "rb");
+    FILE* fp = OpenInputFile(name);
     if (!fp)
         Fail("Initialize", "Failed to open ERPSS time series file");
-    CloseInputFile();
-    SetInputFilePointer(fp);
     m_fileSize = FileLength(fp);
     m_rawHeader.assign(kRawHeaderBytes, 0);
     if (ReadAt(fp, 0, m_rawHeader.data(), kRawHeaderBytes) != kRawHeaderBytes) {

@@ -530,11 +530,9 @@ bool ecNeuromag_FIFF::GetFiducial(int ident, float out[3]) const
 void ecNeuromag_FIFF::Initialize(int)
 {
     const std::string name = GetInputFileName();
-    FILE* fp = std::fopen(name.c_str(), "rb");
+    FILE* fp = OpenInputFile(name);
     if (!fp)
         Fail("[ecNeuromag_FIFF::Initialize] Cannot open file: " + name);
-    CloseInputFile();
-    SetInputFilePointer(fp);
     m_fileSize = FileLength(fp);
     uint8_t first[4];
     if (ReadAt(fp, 0, first, 4) != 4 || LoadU32BE(first) != 100) {

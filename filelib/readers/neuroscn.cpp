@@ -55,11 +55,9 @@ void CNeuroscan::Initialize(int)
     const std::string name = GetInputFileName();
     if (name.empty())
         Fail("[CNeuroscan::Initialize] The time series name is not set.");
-    FILE* fp = std::fopen(name.c_str(), "rb");
+    FILE* fp = OpenInputFile(name);
     if (!fp)
         Fail("[CNeuroscan::Initialize] Fail to open time series file.");
-    CloseInputFile();
-    SetInputFilePointer(fp);
     m_fileSize = FileLength(fp);
     if (m_fileSize < kSetupBytes)
         HeaderError("[CNeuroscan::Initialize] Not a NeuroScan file.");
