@@ -6,32 +6,10 @@
 
 #include "filelib/filelib.h"
 #include "fixtures/AllocationProbe.h"
+#include "fixtures/Exercise.h"
 
 namespace {
 const std::string kBroken = std::string(FILELIB_TEST_DATA) + "/broken/";
-
-// Everything a caller may do with a file; "" when it read, else the error's text.
-std::string Exercise(const std::string& path)
-{
-    try {
-        CFilelib f;
-        std::string name = path;
-        if (f.GuessFileMFR(name) == 0)
-            return "not recognised";
-        f.Initialize(0);
-        ecLabeledMatrix<float> m;
-        for (int first = 0; first < f.GetNumSlices() && first < 100000; first += 5000)
-            if (f.ReadData(m, first, 5000) < 1)
-                break;
-        ecEventList events;
-        f.InitialEventList(&events, nullptr);
-        if (f.GetNumSlices() < 100000)
-            f.GetActiveFile()->FindAllTriggers(&events, 0, 0.5f, 0, false, nullptr);
-        return "";
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-}
 
 std::vector<std::string> BrokenFiles()
 {
@@ -55,7 +33,7 @@ TEST(BrokenFiles, ClearAnswersAndNoAllocationBeyondTheFile)
     ASSERT_GE(files.size(), 5u);
     for (const std::string& path : files) {
         allocation_probe::Reset();
-        const std::string outcome = Exercise(path);
+        const std::string outcome = ExerciseRecording(path);
         EXPECT_TRUE(outcome.empty() || outcome[0] == '[') << path << ": " << outcome;
         // Every one of these files is under 2 KB; a few MB of blocks and buffers is the most
         // reading it may take.
@@ -65,9 +43,9 @@ TEST(BrokenFiles, ClearAnswersAndNoAllocationBeyondTheFile)
 
 TEST(BrokenFiles, SegmentsOfZeroSamplesAndOverflowingSizesAreRefused)
 {
-    EXPECT_EQ(Exercise(kBroken + "egi/data-size-beyond-64-bits.edf"),
+    EXPECT_EQ(ExerciseRecording(kBroken + "egi/data-size-beyond-64-bits.edf"),
               "[EGI_Simple::Initialize] The header declares more data than any file can hold.");
-    EXPECT_EQ(Exercise(kBroken + "egi/segments-of-zero-samples.raw"),
+    EXPECT_EQ(ExerciseRecording(kBroken + "egi/segments-of-zero-samples.raw"),
               "[EGI_Simple::Initialize] The header declares segments of 0 samples.");
 }
 

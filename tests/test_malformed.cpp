@@ -11,42 +11,13 @@
 
 #include "filelib/filelib.h"
 #include "fixtures/EdfFiles.h"
+#include "fixtures/Exercise.h"
 #include "fixtures/GenericFiles.h"
 #include "fixtures/NeuroscanFiles.h"
 
 namespace {
 
 using Buffer = std::vector<uint8_t>;
-
-// Reads a recording through the facade as a user would; "" when it read or was not
-// recognised, else the error's text.
-std::string Exercise(const std::string& path)
-{
-    try {
-        CFilelib f;
-        std::string name = path;
-        if (f.GuessFileMFR(name) == 0)
-            return "";
-        f.Initialize(0);
-        for (int c = 0; c < f.GetNumChans(); ++c) {
-            std::string s;
-            f.GetChanName(c, s);
-            f.GetChanScale(c);
-        }
-        ecLabeledMatrix<float> m;
-        for (int first = 0; first < f.GetNumSlices() && first < 50000; first += 5000)
-            if (f.ReadData(m, first, 5000) < 1)
-                break;
-        f.ReadData(m, std::max(0, f.GetNumSlices() - 2), 5);
-        ecEventList events;
-        f.InitialEventList(&events, nullptr);
-        if (f.GetNumSlices() < 50000)
-            f.GetActiveFile()->FindAllTriggers(&events, 0, 0.5f, 0, true, nullptr);
-        return "";
-    } catch (const std::exception& e) {
-        return std::string(e.what()).empty() ? "(empty message)" : e.what();
-    }
-}
 
 void Write(const std::string& path, const Buffer& bytes)
 {
@@ -65,7 +36,7 @@ public:
     void Try(const Buffer& bytes, const std::string& what)
     {
         Write(m_path, bytes);
-        const std::string outcome = Exercise(m_path);
+        const std::string outcome = ExerciseRecording(m_path);
         ++m_variants;
         EXPECT_TRUE(outcome.empty() || outcome[0] == '[') << what << ": " << outcome;
         if (!outcome.empty())
@@ -218,14 +189,14 @@ TEST(Malformed, Generic)
     for (const char* key : {"<NumChans>", "<NumSlices>", "<NumEpochs>", "<OffsetToData>", "<SampleRate>", "<Scale>"}) {
         for (const char* value : kAwkward) {
             WriteTextFile(path + ".orva_hdr", WithValue(header, key, value));
-            const std::string outcome = Exercise(path);
+            const std::string outcome = ExerciseRecording(path);
             EXPECT_TRUE(outcome.empty() || outcome[0] == '[') << key << value << ": " << outcome;
             ++variants;
         }
     }
     for (size_t n = 0; n < header.size(); n += 11) {
         WriteTextFile(path + ".orva_hdr", header.substr(0, n));
-        const std::string outcome = Exercise(path);
+        const std::string outcome = ExerciseRecording(path);
         EXPECT_TRUE(outcome.empty() || outcome[0] == '[') << "header cut at " << n << ": " << outcome;
     }
     EXPECT_GT(variants, 0);
@@ -248,7 +219,7 @@ TEST(Malformed, BrainVision)
     auto check = [&](const std::string& h, const std::string& m, const std::string& what) {
         WriteTextFile(dir.path("b.vhdr"), h);
         WriteTextFile(dir.path("b.vmrk"), m);
-        const std::string outcome = Exercise(dir.path("b.vhdr"));
+        const std::string outcome = ExerciseRecording(dir.path("b.vhdr"));
         EXPECT_TRUE(outcome.empty() || outcome[0] == '[') << what << ": " << outcome;
     };
     for (const char* key : {"NumberOfChannels=", "SamplingInterval=", "DataPoints=", "SegmentDataPoints=", "Ch1=A,,",
