@@ -10,6 +10,7 @@
 #include "fixtures/EdfFiles.h"
 #include "fixtures/GenericFiles.h"
 #include "fixtures/NeuroscanFiles.h"
+#include "fixtures/VendorFiles.h"
 
 namespace {
 
@@ -141,4 +142,65 @@ TEST(LargeFiles, FiffDataBufferBeyond4GiB)
     const std::string path = dir.path("big.fif");
     SPARSE_OR_SKIP(SparseFile(path, head, tail, total));
     ExpectLastSlices(path, 20, {{3.0f, 7.0f}, {-5.0f, -9.0f}});
+}
+
+TEST(LargeFiles, BrainVisionVectorizedBeyond4GiB)
+{
+    TempDir dir;
+    // Vectorized: channel 1's samples end in the middle of the file, channel 2's at its end.
+    const long long slices = kBeyond4GiB / 8;
+    WriteTextFile(dir.path("big.vhdr"),
+                  "Brain Vision Data Exchange Header File Version 2.0\n[Common Infos]\nDataFile=big.eeg\n"
+                  "DataFormat=BINARY\nDataOrientation=VECTORIZED\nNumberOfChannels=2\nSamplingInterval=1000\n"
+                  "[Binary Infos]\nBinaryFormat=IEEE_FLOAT_32\n[Channel Infos]\nCh1=A,,1,V\nCh2=B,,1,V\n");
+    const std::string data = dir.path("big.eeg");
+    Bytes head;  // channel 1 ends half-way, past 2 GiB
+    SPARSE_OR_SKIP(SparseFile(data, head, Bytes().f32le(0.25f).f32le(-0.5f), slices * 4));
+    FILE* out = std::fopen(data.c_str(), "r+b");
+    ASSERT_NE(out, nullptr);
+    const Bytes last = Bytes().f32le(7.5f).f32le(-8.5f);
+    ASSERT_EQ(fseeko(out, slices * 8 - 8, SEEK_SET), 0);
+    ASSERT_EQ(std::fwrite(last.data().data(), 1, 8, out), 8u);
+    ASSERT_EQ(std::fclose(out), 0);
+    ExpectLastSlices(dir.path("big.vhdr"), 29, {{0.25f, -0.5f}, {7.5f, -8.5f}});
+}
+
+TEST(LargeFiles, EgiFloatBeyond4GiB)
+{
+    TempDir dir;
+    const long long slices = kBeyond4GiB / 8;  // 2 channels of 32-bit floats
+    const Bytes head = EgiHeader(4, 2, static_cast<int>(slices), {});
+    const std::string path = dir.path("big.raw");
+    SPARSE_OR_SKIP(SparseFile(path, head, Bytes().f32be(1.5f).f32be(-2.5f).f32be(3.5f).f32be(-4.5f),
+                              static_cast<long long>(head.size()) + slices * 8));
+    ExpectLastSlices(path, 44, {{1.5e-6f, 3.5e-6f}, {-2.5e-6f, -4.5e-6f}});
+}
+
+TEST(LargeFiles, ErpssPlainRecordsBeyond4GiB)
+{
+    TempDir dir;
+    // Records of 64 channels x 32768 points (4 MiB): 1040 of them pass 4 GiB. Only the headers
+    // and the last two slices are written; the samples between are holes (zeros).
+    const int channels = 64, points = 32768;
+    ErpssRecord full;
+    full.slices.assign(points, std::vector<int>(channels, 0));
+    const Bytes one = ErpssFile(false, channels, points, {full});
+    const Bytes rawHeader = Bytes().raw(std::string(one.data().begin(), one.data().begin() + 512));
+    const Bytes recordHeader = Bytes().raw(std::string(one.data().begin() + 512, one.data().begin() + 1024));
+    const long long recordBytes = 512 + 2LL * channels * points;
+    const long long records = kBeyond4GiB / recordBytes + 1;
+    Bytes tail;
+    for (int slice = 0; slice < 2; ++slice)
+        for (int c = 0; c < channels; ++c)
+            tail.i16le(static_cast<int16_t>(c > 1 ? 0 : slice == 0 ? (c ? -8 : 7) : (c ? -321 : 123)));
+    const std::string path = dir.path("big.raw");
+    SPARSE_OR_SKIP(SparseFile(path, rawHeader, tail, 512 + records * recordBytes));
+    FILE* out = std::fopen(path.c_str(), "r+b");
+    ASSERT_NE(out, nullptr);
+    for (long long r = 0; r < records; ++r) {
+        ASSERT_EQ(fseeko(out, 512 + r * recordBytes, SEEK_SET), 0);
+        ASSERT_EQ(std::fwrite(recordHeader.data().data(), 1, 512, out), 512u);
+    }
+    ASSERT_EQ(std::fclose(out), 0);
+    ExpectLastSlices(path, 28, {{7, 123}, {-8, -321}});
 }
