@@ -327,16 +327,7 @@ TEST(EDFRealFiles, ValuesEventsAndChannels)
     {
         CFilelib f;
         open(f, d + "/edf/test.edf", 21);
-        EXPECT_EQ(f.GetNumChans(), 139);
-        EXPECT_FLOAT_EQ(f.GetSampleRate(), 512.0f);
-        EXPECT_EQ(f.GetNumSlices(), 3072);
         EXPECT_EQ(f.GetNumChans(0x8000), 1);  // Status kept as a trigger channel
-        ASSERT_EQ(f.ReadData(m, 0, 3), 3);
-        std::string a1;
-        f.GetChanName(0, a1);
-        EXPECT_EQ(a1, "A1");
-        EXPECT_FLOAT_EQ(m[0][0], -1.5e-05f);
-        EXPECT_FLOAT_EQ(m[0][1], -3e-06f);
         ecEventList events;
         ASSERT_EQ(f.InitialEventList(&events, nullptr), 5);
         EXPECT_EQ(Names(events), (std::vector<std::string>{"start@0-0", "type A@69-200", "type A@200-712",
@@ -345,27 +336,15 @@ TEST(EDFRealFiles, ValuesEventsAndChannels)
     {
         CFilelib f;
         open(f, d + "/edf/edf+C.edf", 21);
-        EXPECT_EQ(f.GetNumChans(), 5);
-        EXPECT_EQ(f.GetNumSlices(), 256);
-        ASSERT_EQ(f.ReadData(m, 0, 256), 256);
-        const std::string txt = ReadTextFile(d + "/edf/edf+C.txt");
-        // First row of stored digital values: 9673 21372 8752 1832 -12207.
-        const int first[] = {9673, 21372, 8752, 1832, -12207};
-        const double toUnit[] = {1e-3, 1e-6, 1, 1, 1};
-        for (int c = 0; c < 5; ++c)
-            EXPECT_FLOAT_EQ(m[c][0], static_cast<float>((first[c] * 400.0 / 65535 + 0.0030518) * toUnit[c])) << c;
         std::string unit;
         f.GetChanUnit(2, unit);
         EXPECT_EQ(unit, "pA");
         f.GetChanUnit(4, unit);
         EXPECT_EQ(unit, "C");
-        EXPECT_NE(txt.find("9673"), std::string::npos);
     }
     {
         CFilelib f;
         open(f, d + "/edf/test_edf_stim_channel.edf", 21);
-        EXPECT_FLOAT_EQ(f.GetSampleRate(), 128.0f);
-        EXPECT_EQ(f.GetNumSlices(), 1228);
         // The companion text holds the first 717 slices in uV (6 to 7 digits, another program's rounding):
         // within half a digital step.
         ASSERT_EQ(f.ReadData(m, 0, 717), 717);
@@ -381,18 +360,6 @@ TEST(EDFRealFiles, ValuesEventsAndChannels)
         const long expected[] = {121, 170, 193, 255, 307, 340, 388, 528, 558, 591, 644, 668};
         for (int i = 0; i < 12; ++i)
             EXPECT_EQ(triggers.GetEvent(i).GetBegin(), expected[i]);
-    }
-    {
-        CFilelib f;
-        open(f, d + "/edf/test_uneven_samp.edf", 21);
-        EXPECT_FLOAT_EQ(f.GetSampleRate(), 100.0f);
-        EXPECT_EQ(f.GetNumSlices(), 11000);
-        ASSERT_EQ(f.ReadData(m, 0, 5), 5);
-        const float ch1[] = {0, 0.9375f, 1.84082031f, 2.68066406f, 3.42285156f};
-        for (int t = 0; t < 5; ++t) {
-            EXPECT_FLOAT_EQ(m[0][t], ch1[t]);
-            EXPECT_FLOAT_EQ(m[1][t], 1e-06f);
-        }
     }
     {
         CFilelib f;
@@ -414,12 +381,7 @@ TEST(EDFRealFiles, ValuesEventsAndChannels)
     {
         CFilelib f;
         open(f, d + "/bdf/test.bdf", 22);
-        EXPECT_EQ(f.GetNumChans(), 73);
         EXPECT_EQ(f.GetNumChans(0x400), 72);
-        EXPECT_FLOAT_EQ(f.GetSampleRate(), 2048.0f);
-        ASSERT_EQ(f.ReadData(m, 0, 3), 3);
-        EXPECT_NEAR(m[0][0], 0.0146606, 1e-7);
-        EXPECT_NEAR(m[0][2], 0.0146471, 1e-7);
         ecEventList events;
         ASSERT_EQ(f.InitialEventList(&events, nullptr), 1);
         EXPECT_EQ(Names(events)[0], "128@589-589");
@@ -428,9 +390,6 @@ TEST(EDFRealFiles, ValuesEventsAndChannels)
         CFilelib f;
         open(f, d + "/bdf/test_bdf_stim_channel.bdf", 22);
         EXPECT_EQ(f.GetNumChans(0x400), 3);
-        EXPECT_EQ(f.GetNumSlices(), 5000);
-        ASSERT_EQ(f.ReadData(m, 0, 2), 2);
-        EXPECT_NEAR(m[0][0], 0.00908195, 1e-8);
         ecEventList events;
         ASSERT_EQ(f.InitialEventList(&events, nullptr), 9);
         EXPECT_EQ(Names(events)[0], "4@242-242");
