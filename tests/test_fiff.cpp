@@ -2,7 +2,6 @@
 
 #include "fixtures/Errors.h"
 
-#include <cmath>
 #include <cstdio>
 #include <functional>
 
