@@ -1,5 +1,6 @@
 #include "filelib/ecFilebase.h"
 
+#include <algorithm>
 #include <sstream>
 
 ecSharedFile::ecSharedFile(const ecSharedFile& other) : m_block(other.m_block)
@@ -250,6 +251,16 @@ FILE* ecFilebase::OpenInputFile(const std::string& path)
         SetInputFilePointer(fp);
     }
     return fp;
+}
+
+long long ecFilebase::PrepareBlock(ecLabeledMatrix<float>& data, int first, int count, const char* reader)
+{
+    if (first < 0 || count < 0)
+        throw ecError("[" + std::string(reader) + "::ReadData] Slices out of range.", 1, 0, -1, -1);
+    const long long n = std::clamp<long long>(static_cast<long long>(GetNumSlices()) - first, 0, count);
+    data.resize(GetNumChans(), static_cast<long>(n), 0, 0);
+    LabelRows(data);
+    return n;
 }
 
 void ecFilebase::LabelRows(ecLabeledMatrix<float>& data)

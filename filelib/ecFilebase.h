@@ -148,6 +148,9 @@ protected:
     float GetSamplePeriod() const { return m_fSamplePeriod; }
     // Row labels of a delivered block: channel name and unit of every channel.
     void LabelRows(ecLabeledMatrix<float>& data);
+    // Sizes and labels `data` for the part of [first, first + count) the recording holds and
+    // returns its length; negative arguments raise "[<reader>::ReadData] Slices out of range.".
+    long long PrepareBlock(ecLabeledMatrix<float>& data, int first, int count, const char* reader);
 
     int m_iFileMFR0 = 0;
     // Channel tables, one entry per channel after SetNumChans. A reader that fills them itself

@@ -283,12 +283,8 @@ void BrainVision::SetTimeBase(const Sections& ini, long long dataBytes)
 
 int BrainVision::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
-    if (first < 0 || count < 0)
-        throw ecError("[BrainVision::ReadData] Slices out of range.", 1, 0, -1, -1);
-    const long long n = std::clamp<long long>(m_points - first, 0, count);
+    const long long n = PrepareBlock(data, first, count, "BrainVision");
     const long channels = GetNumChans();
-    data.resize(channels, static_cast<long>(n), 0, 0);
-    LabelRows(data);
     FILE* fp = GetInputFilePointer();
     // Every sample format and byte order through one tiled conversion.
     auto convert = [&](const uint8_t* src, size_t stride, long long samples, size_t rowCount, float* const* rows,

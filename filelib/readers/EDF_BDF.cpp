@@ -307,11 +307,7 @@ long long CEDF_BDF::RecordAt(long long slice) const
 
 int CEDF_BDF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
-    if (first < 0 || count < 0)
-        throw ecError("[CEDF_BDF::ReadData] Slices out of range.", 1, 0, -1, -1);
-    const long long n = std::clamp<long long>(static_cast<long long>(GetNumSlices()) - first, 0, count);
-    data.resize(GetNumChans(), static_cast<long>(n), 0, 0);
-    LabelRows(data);
+    const long long n = PrepareBlock(data, first, count, "CEDF_BDF");
     // Every slice is written below unless the range meets a gap or the file's cut end; the
     // annotation row always reads as zeros.
     const long long lastRecord = RecordAt(std::max<long long>(first + n - 1, 0));

@@ -134,12 +134,8 @@ long long EGI_Simple::SliceOffset(long long slice) const
 
 int EGI_Simple::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
-    if (first < 0 || count < 0)
-        throw ecError("[EGI_Simple::ReadData] Slices out of range.", 1, 0, -1, -1);
-    const long long n = std::clamp<long long>(static_cast<long long>(GetNumSlices()) - first, 0, count);
+    const long long n = PrepareBlock(data, first, count, "EGI_Simple");
     const long channels = GetNumChans();
-    data.resize(channels, static_cast<long>(n), 0, 0);
-    LabelRows(data);
     const long long sliceBytes = static_cast<long long>(channels) * m_bytes;
     const long long perBlock = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / sliceBytes);
     for (long long done = 0; done < n;) {

@@ -244,11 +244,7 @@ int ecERPSS::ReadData(ecLabeledMatrix<float>& data, int first, int count)
         throw ecError("[ecERPSS::ReadData] Reading of 'swabbed' data has not been tested in this release.  Please "
                       "contact KVI for current status.",
                       1, 0, -1, -1);
-    if (first < 0 || count < 0)
-        throw ecError("[ecERPSS::ReadData] Slices out of range.", 1, 0, -1, -1);
-    const long long n = std::clamp<long long>(static_cast<long long>(GetNumSlices()) - first, 0, count);
-    data.resize(m_iChannels, static_cast<long>(n), 0, 0);
-    LabelRows(data);
+    const long long n = PrepareBlock(data, first, count, "ecERPSS");
     if (n == 0)
         return 0;
     auto record = std::upper_bound(m_records.begin(), m_records.end(), static_cast<long long>(first),

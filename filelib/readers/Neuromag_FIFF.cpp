@@ -631,12 +631,8 @@ void ecNeuromag_FIFF::BuildBuffers()
 
 int ecNeuromag_FIFF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
-    if (first < 0 || count < 0)
-        throw ecError("[ecNeuromag_FIFF::ReadData] Slices out of range.", 1, 0, -1, -1);
-    const long long n = std::clamp<long long>(static_cast<long long>(GetNumSlices()) - first, 0, count);
+    const long long n = PrepareBlock(data, first, count, "ecNeuromag_FIFF");
     const long channels = GetNumChans();
-    data.resize(channels, static_cast<long>(n), 0, 0);
-    LabelRows(data);
     if (n == 0)
         return 0;
     const long long end = first + n;
