@@ -2,11 +2,13 @@
 // channel names, rate, length and the first samples of every channel they dumped. A value
 // passes when it agrees with either peer (they disagree where the formats leave room, and this
 // library sides with one of them); the few channels where it deliberately agrees with neither
-// are listed with the reason.
+// are listed with the reason. Events are compared with the peer whose convention this library
+// shares, file by file.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <sstream>
@@ -63,6 +65,44 @@ Json Load(const std::string& path)
     std::stringstream text;
     text << in.rdbuf();
     return ParseJson(text.str());
+}
+
+// Which peer's event list a file's events match, and how to read it. Positions are compared as
+// sorted lists (peers order simultaneous events differently).
+struct EventSource {
+    const char* file;
+    const char* peer;
+    int shift;              // added to the peer's positions
+    const char* skipLabel;  // peer events with this label are not events of this library
+    int skipCode;           // nor are peer events with this code (0: none)
+    const char* why;
+};
+const EventSource kEventSources[] = {
+    {"test.bdf", "biosig", 0, nullptr, 0, "Status transitions"},
+    {"test_bdf_stim_channel.bdf", "biosig", 0, nullptr, 0, "Status transitions"},
+    {"test.vhdr", "biosig", 0, nullptr, 0, "markers, 0-based"},
+    {"test_old_layout_latin1_software_filter.vhdr", "biosig", 0, nullptr, 0, "markers, 0-based"},
+    {"File_brainvision_3_int16.vhdr", "biosig", 0, nullptr, 0, "markers, 0-based"},
+    {"test.edf", "biosig", 0, nullptr, 0, "annotations only: MNE adds the Status transitions"},
+    {"test_utf8_annotations.edf", "biosig", 0, nullptr, 0, "annotations"},
+    {"SC4001EC-Hypnogram.edf", "biosig", 0, nullptr, 0, "annotations (BioSig has no positions: count only)"},
+    {"edf+C.edf", "mne", 0, nullptr, 0, "none"},
+    {"test_edf_stim_channel.edf", "mne", 0, nullptr, 0, "none: DIG DTRIG is found by the trigger search"},
+    {"test_uneven_samp.edf", "mne", 0, nullptr, 0, "none"},
+    {"test_egi.raw", "biosig", 0, nullptr, 0, "event channels; MNE adds its synthesised STI 014"},
+    {"test_elekta_3ch_raw.fif", "mne", 0, nullptr, 0, "STI101 transitions"},
+    {"neuromag122_test_file-raw.fif", "mne", 0, nullptr, 0, "none"},
+    {"scan41_short.cnt", "mne", 1, "0", 0, "offset samples; the 0xE0 record is neither stimulus nor response"},
+    {"test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt", "biosig", 0, nullptr, 208,
+     "offset samples; a 0xD0 record ends the exclusion its 0xC0 record starts"},
+};
+
+const EventSource* FindEventSource(const std::string& file)
+{
+    for (const EventSource& s : kEventSources)
+        if (file == s.file)
+            return &s;
+    return nullptr;
 }
 
 bool Near(double ours, double theirs) { return std::fabs(ours - theirs) <= 1e-5 * std::fabs(theirs) + 1e-15; }
@@ -128,4 +168,60 @@ TEST(RealFiles, ChannelsLengthAndFirstSamplesAgreeWithThePeers)
         }
     }
     EXPECT_GE(compared, 200);
+}
+
+namespace {
+std::vector<long> Sorted(std::vector<long> v)
+{
+    std::sort(v.begin(), v.end());
+    return v;
+}
+
+// The positions of a peer's events, filtered as `source` says, and how many it found in all.
+std::vector<long> PeerOnsets(const Json& peer, const EventSource& source, size_t& total)
+{
+    std::vector<long> out;
+    const Json& events = peer["events"];
+    total = peer.fields.count("events_total") ? static_cast<size_t>(peer["events_total"].number) : events.size();
+    for (const Json& e : events.items) {
+        const bool skip = (source.skipLabel && e["label"].text == source.skipLabel) ||
+                          (source.skipCode && e.fields.count("code") && e["code"].number == source.skipCode);
+        if (skip)
+            --total;
+        else if (e["onset_sample"].type == Json::Number)
+            out.push_back(static_cast<long>(e["onset_sample"].number) + source.shift);
+    }
+    return Sorted(out);
+}
+}  // namespace
+
+TEST(RealFiles, EventsAgreeWithThePeerOfTheSameConvention)
+{
+    int files = 0;
+    for (const std::string& file : ExpectedFiles()) {
+        const std::string base = file.substr(file.find('/') + 1);
+        const EventSource* source = FindEventSource(base);
+        if (!source)
+            continue;
+        SCOPED_TRACE(file + ": " + source->why);
+        const Json expected = Load(kData + file + ".expected.json");
+        size_t total = 0;
+        const std::vector<long> theirs = PeerOnsets(expected[source->peer], *source, total);
+        CFilelib f;
+        std::string name = kData + file;
+        ASSERT_NE(f.GuessFileMFR(name), 0);
+        f.Initialize(0);
+        ecEventList events;
+        f.InitialEventList(&events, nullptr);
+        std::vector<long> ours;
+        for (int i = 0; i < events.GetEventCnt(true); ++i)
+            ours.push_back(events.GetEvent(i).GetBegin());
+        ours = Sorted(ours);
+        EXPECT_EQ(ours.size(), total);
+        if (!theirs.empty() && ours.size() >= theirs.size()) {
+            EXPECT_EQ(std::vector<long>(ours.begin(), ours.begin() + static_cast<long>(theirs.size())), theirs);
+        }
+        ++files;
+    }
+    EXPECT_EQ(files, static_cast<int>(std::size(kEventSources)));
 }

@@ -1,0 +1,278 @@
+#include "filelib/SampleEngine.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "companion/ByteCursor.h"
+#include "companion/Utility.h"
+
+namespace {
+
+// Large enough that a read costs far more than its call, small enough to stay in the cache's
+// neighbourhood and never to matter for memory.
+constexpr long long kBlockBytes = 1LL << 20;
+// Slices converted across all channels before moving on: the tile's bytes stay in the first-level
+// cache while every row is written sequentially.
+constexpr long long kTileSlices = 64;
+
+int32_t Int24LE(const uint8_t* p)
+{
+    const uint32_t u = static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16);
+    return static_cast<int32_t>(u << 8) >> 8;
+}
+int32_t Int24BE(const uint8_t* p)
+{
+    const uint32_t u = (static_cast<uint32_t>(p[0]) << 16) | (static_cast<uint32_t>(p[1]) << 8) | static_cast<uint32_t>(p[2]);
+    return static_cast<int32_t>(u << 8) >> 8;
+}
+
+// Calls apply(decode) with the decoder of the sample type; decode(p) gives the stored number.
+template <typename Apply>
+void WithDecoder(ecSampleType type, bool bigEndian, Apply apply)
+{
+    switch (type) {
+    case ecSampleType::Int8:
+        return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int8_t>(*p)); });
+    case ecSampleType::UInt8:
+        return apply([](const uint8_t* p) { return static_cast<double>(*p); });
+    case ecSampleType::Int16:
+        if (bigEndian)
+            return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int16_t>(LoadU16BE(p))); });
+        return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int16_t>(LoadU16LE(p))); });
+    case ecSampleType::UInt16:
+        if (bigEndian)
+            return apply([](const uint8_t* p) { return static_cast<double>(LoadU16BE(p)); });
+        return apply([](const uint8_t* p) { return static_cast<double>(LoadU16LE(p)); });
+    case ecSampleType::Int24:
+        if (bigEndian)
+            return apply([](const uint8_t* p) { return static_cast<double>(Int24BE(p)); });
+        return apply([](const uint8_t* p) { return static_cast<double>(Int24LE(p)); });
+    case ecSampleType::Int32:
+        if (bigEndian)
+            return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int32_t>(LoadU32BE(p))); });
+        return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int32_t>(LoadU32LE(p))); });
+    case ecSampleType::Float32:
+        if (bigEndian)
+            return apply([](const uint8_t* p) { return static_cast<double>(BitsToFloat(LoadU32BE(p))); });
+        return apply([](const uint8_t* p) { return static_cast<double>(BitsToFloat(LoadU32LE(p))); });
+    case ecSampleType::Float64:
+        if (bigEndian)
+            return apply([](const uint8_t* p) { return BitsToDouble(LoadU64BE(p)); });
+        return apply([](const uint8_t* p) { return BitsToDouble(LoadU64LE(p)); });
+    }
+}
+
+// One channel's conversion, stored number to delivered float.
+struct Conversion {
+    double gain, shift;
+    float gainF, shiftF, calFactor, calOffset;
+    bool exact, calibrated;
+
+    template <typename Decode>
+    float operator()(Decode decode, const uint8_t* p) const
+    {
+        const float v = exact ? static_cast<float>((decode(p) + shift) * gain)
+                              : (static_cast<float>(decode(p)) - shiftF) * gainF;
+        return calibrated ? v * calFactor + calOffset : v;
+    }
+};
+
+}  // namespace
+
+int SampleWidth(ecSampleType type)
+{
+    switch (type) {
+    case ecSampleType::Int8:
+    case ecSampleType::UInt8:
+        return 1;
+    case ecSampleType::Int16:
+    case ecSampleType::UInt16:
+        return 2;
+    case ecSampleType::Int24:
+        return 3;
+    case ecSampleType::Int32:
+    case ecSampleType::Float32:
+        return 4;
+    case ecSampleType::Float64:
+        return 8;
+    }
+    return 1;
+}
+
+ecDataLayout ecDataLayout::Multiplexed(ecSampleType type, bool bigEndian, int stored, int delivered,
+                                       long long dataStart, long long slices)
+{
+    ecDataLayout layout;
+    layout.type = type;
+    layout.bigEndian = bigEndian;
+    layout.slices = slices;
+    layout.firstSegment = dataStart;
+    const int width = SampleWidth(type);
+    layout.channels.resize(static_cast<size_t>(std::max(0, delivered)));
+    for (size_t c = 0; c < layout.channels.size(); ++c) {
+        layout.channels[c].offset = static_cast<long long>(c) * width;
+        layout.channels[c].stride = static_cast<long long>(stored) * width;
+    }
+    return layout;
+}
+
+ecDataLayout ecDataLayout::Vectorized(ecSampleType type, bool bigEndian, int channels, long long dataStart,
+                                      long long slices)
+{
+    ecDataLayout layout = Multiplexed(type, bigEndian, channels, channels, dataStart, slices);
+    const int width = SampleWidth(type);
+    for (size_t c = 0; c < layout.channels.size(); ++c) {
+        layout.channels[c].offset = static_cast<long long>(c) * slices * width;
+        layout.channels[c].stride = width;
+    }
+    return layout;
+}
+
+void ecDataLayout::SetConversion(int channel, double gain, double shift)
+{
+    ecChannelLayout& c = channels.at(static_cast<size_t>(channel));
+    c.gain = gain;
+    c.shift = shift;
+}
+
+void ecSampleEngine::SetLayout(ecDataLayout layout)
+{
+    m_layout = std::move(layout);
+    m_calFactors.clear();
+    m_calOffsets.clear();
+}
+
+void ecSampleEngine::SetCalibration(std::vector<float> factors, std::vector<float> offsets)
+{
+    const bool complete = factors.size() == m_layout.channels.size() && offsets.size() == factors.size();
+    m_calFactors = complete ? std::move(factors) : std::vector<float>();
+    m_calOffsets = complete ? std::move(offsets) : std::vector<float>();
+}
+
+long long ecSampleEngine::SegmentSlices() const
+{
+    return m_layout.segmentSlices > 0 ? m_layout.segmentSlices : std::max<long long>(1, m_layout.slices);
+}
+
+long long ecSampleEngine::SegmentStart(long long segment) const
+{
+    const long long start = m_layout.segmentTable.empty() ? m_layout.firstSegment + segment * m_layout.segmentStride
+                                                          : m_layout.segmentTable[static_cast<size_t>(segment)];
+    return start + m_layout.segmentHeader;
+}
+
+bool ecSampleEngine::ReadSpan(FILE* fp, long long from, long long bytes)
+{
+    m_buffer.resize(static_cast<size_t>(bytes));
+    return ReadAt(fp, from, m_buffer.data(), m_buffer.size()) == m_buffer.size();
+}
+
+namespace {
+// Index of the sample a channel shows at slice p of its segment.
+long long SampleAt(const ecChannelLayout& c, long long p, long long segmentSlices)
+{
+    return c.samples > 0 ? p * c.samples / segmentSlices : p;
+}
+
+// Bytes [lo, hi) of a segment that slices [a, b) of channels [c0, c1) need.
+std::pair<long long, long long> Span(const ecDataLayout& layout, long long segmentSlices, long long a, long long b,
+                                     size_t c0, size_t c1)
+{
+    const int width = SampleWidth(layout.type);
+    long long lo = -1, hi = 0;
+    for (size_t c = c0; c < c1; ++c) {
+        const ecChannelLayout& ch = layout.channels[c];
+        const long long from = ch.offset + SampleAt(ch, a, segmentSlices) * ch.stride;
+        const long long to = ch.offset + SampleAt(ch, b - 1, segmentSlices) * ch.stride + width;
+        lo = lo < 0 ? from : std::min(lo, from);
+        hi = std::max(hi, to);
+    }
+    return {std::max(0LL, lo), hi};
+}
+}  // namespace
+
+template <typename Decode>
+void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long lo, float* const* rows, long long a,
+                                 long long b, long long done) const
+{
+    // `base` holds the segment's bytes from `lo` on: sample k of a channel is at
+    // base + offset + k * stride - lo.
+    const long long segmentSlices = SegmentSlices();
+    const bool calibrated = !m_calFactors.empty();
+    for (long long t0 = a; t0 < b; t0 += kTileSlices) {
+        const long long t1 = std::min(b, t0 + kTileSlices);
+        for (size_t c = 0; c < m_layout.channels.size(); ++c) {
+            const ecChannelLayout& ch = m_layout.channels[c];
+            if (!rows[c])
+                continue;
+            const Conversion conv{ch.gain,
+                                  ch.shift,
+                                  static_cast<float>(ch.gain),
+                                  static_cast<float>(ch.shift),
+                                  calibrated ? m_calFactors[c] : 1.0f,
+                                  calibrated ? m_calOffsets[c] : 0.0f,
+                                  m_layout.exact,
+                                  calibrated};
+            float* out = rows[c] + done - a;
+            if (ch.samples > 0) {
+                for (long long t = t0; t < t1; ++t)
+                    out[t] = conv(decode, base + (ch.offset + SampleAt(ch, t, segmentSlices) * ch.stride - lo));
+            } else {
+                const uint8_t* p = base + (ch.offset + t0 * ch.stride - lo);
+                for (long long t = t0; t < t1; ++t, p += ch.stride)
+                    out[t] = conv(decode, p);
+            }
+        }
+    }
+}
+
+void ecSampleEngine::Convert(long long lo, float* const* rows, long long a, long long b, long long done) const
+{
+    WithDecoder(m_layout.type, m_layout.bigEndian,
+                [&](auto decode) { ConvertWith(decode, m_buffer.data(), lo, rows, a, b, done); });
+}
+
+bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long long count)
+{
+    const long long segmentSlices = SegmentSlices();
+    const size_t channels = m_layout.channels.size();
+    const int width = SampleWidth(m_layout.type);
+    std::vector<float*> one(channels, nullptr);
+    for (long long done = 0; done < count;) {
+        const long long segment = (first + done) / segmentSlices;
+        const long long a = (first + done) % segmentSlices;
+        const long long inSegment = std::min(segmentSlices, m_layout.slices - segment * segmentSlices);
+        long long b = std::min(inSegment, a + count - done);
+        if (!m_layout.segmentTable.empty() && segment >= static_cast<long long>(m_layout.segmentTable.size()))
+            return false;
+        const long long start = SegmentStart(segment);
+        // As many slices of every channel as fit one block; when even one slice does not
+        // (channel-major storage), one channel at a time.
+        auto span = Span(m_layout, segmentSlices, a, b, 0, channels);
+        while (b - a > 1 && span.second - span.first > kBlockBytes) {
+            b = a + (b - a) / 2;
+            span = Span(m_layout, segmentSlices, a, b, 0, channels);
+        }
+        if (span.second - span.first <= kBlockBytes) {
+            if (!ReadSpan(fp, start + span.first, span.second - span.first))
+                return false;
+            Convert(span.first, rows, a, b, done);
+        } else {
+            b = std::min(inSegment, a + count - done);
+            const long long perBlock = std::max<long long>(1, kBlockBytes / width);
+            for (size_t c = 0; c < channels; ++c) {
+                std::fill(one.begin(), one.end(), nullptr);
+                one[c] = rows[c];
+                for (long long s = a; s < b; s += perBlock) {
+                    const long long e = std::min(b, s + perBlock);
+                    const auto [from, to] = Span(m_layout, segmentSlices, s, e, c, c + 1);
+                    if (!ReadSpan(fp, start + from, to - from))
+                        return false;
+                    Convert(from, one.data(), s, e, done + (s - a));
+                }
+            }
+        }
+        done += b - a;
+    }
+    return true;
+}

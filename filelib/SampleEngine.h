@@ -1,0 +1,83 @@
+// The one data path under the readers. A reader describes where its samples lie (sample type,
+// byte order, how channels and slices are arranged, which segments hold which slices, and how a
+// stored number becomes a physical value); the engine then serves any run of slices: it reads
+// large spans into one reusable buffer and converts them straight into the matrix rows.
+//
+// Layout model. The recording is a sequence of segments (records, epochs, data buffers) of
+// `segmentSlices` slices each (the last may be shorter), at regular offsets or at offsets listed
+// in a table. Inside a segment, channel c's k-th sample is at
+// segment start + channels[c].offset + k * channels[c].stride. Multiplexed storage has
+// offset = c x width and stride = slice bytes; vectorized storage has offset = c x segment bytes
+// and stride = width. A channel stored with fewer samples per segment than the segment has slices
+// (slower signals in EDF records) is delivered at the segment's rate by holding each sample:
+// slice p shows sample floor(p x samples / segmentSlices).
+//
+// Arithmetic. Exact channels deliver float((raw + shift) x gain) computed in double and rounded
+// once; single-precision channels deliver (float(raw) - shift) x gain in float (the arithmetic
+// some formats have always been read with, kept so that their values stay bit-identical).
+// Calibration factors, when given, then apply as value x factor + offset in float.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <vector>
+
+enum class ecSampleType : uint8_t { Int8, UInt8, Int16, UInt16, Int24, Int32, Float32, Float64 };
+
+int SampleWidth(ecSampleType type);
+
+struct ecChannelLayout {
+    long long offset = 0;   // bytes from the segment's data start to the channel's first sample
+    long long stride = 0;   // bytes from one of its samples to the next
+    long long samples = 0;  // per segment; 0 means one per slice
+    double gain = 1;
+    double shift = 0;
+};
+
+struct ecDataLayout {
+    ecSampleType type = ecSampleType::Int16;
+    bool bigEndian = false;
+    bool exact = true;           // double arithmetic rounded once (see above)
+    long long slices = 0;        // slices the recording holds
+    long long segmentSlices = 0; // slices per segment; 0: one segment holds them all
+    long long firstSegment = 0;  // file offset of the first segment
+    long long segmentStride = 0; // bytes from one segment to the next (regular segments)
+    long long segmentHeader = 0; // bytes before a segment's data
+    std::vector<long long> segmentTable;  // file offsets of the segments, in place of the regular ones
+    std::vector<ecChannelLayout> channels;
+
+    // Slice-major samples of `stored` values per slice, the first `delivered` of which are channels.
+    static ecDataLayout Multiplexed(ecSampleType type, bool bigEndian, int stored, int delivered, long long dataStart,
+                                    long long slices);
+    // Channel-major samples: all of channel 0, then all of channel 1, ...
+    static ecDataLayout Vectorized(ecSampleType type, bool bigEndian, int channels, long long dataStart,
+                                   long long slices);
+    void SetConversion(int channel, double gain, double shift);
+};
+
+class ecSampleEngine {
+public:
+    void SetLayout(ecDataLayout layout);
+    const ecDataLayout& Layout() const { return m_layout; }
+    // Calibration applied after the conversion (empty vectors: none).
+    void SetCalibration(std::vector<float> factors, std::vector<float> offsets);
+
+    // Converts slices [first, first + count) into rows[c][0 .. count) for every channel. The
+    // range must lie within the recording. Returns false when the file ends before the bytes of
+    // the range (the rows then hold what was converted before that point).
+    bool Read(FILE* fp, float* const* rows, long long first, long long count);
+
+private:
+    long long SegmentStart(long long segment) const;
+    long long SegmentSlices() const;
+    bool ReadSpan(FILE* fp, long long from, long long bytes);
+    void Convert(long long lo, float* const* rows, long long a, long long b, long long done) const;
+    template <typename Decode>
+    void ConvertWith(Decode decode, const uint8_t* base, long long lo, float* const* rows, long long a, long long b,
+                     long long done) const;
+
+    ecDataLayout m_layout;
+    std::vector<float> m_calFactors;
+    std::vector<float> m_calOffsets;
+    std::vector<uint8_t> m_buffer;
+};
