@@ -86,6 +86,7 @@ void ecFilebase::CopyFields(const ecFilebase& o)
     m_uiReferenceType = o.m_uiReferenceType;
     m_iReferenceChannel = o.m_iReferenceChannel;
     m_iDomain = o.m_iDomain;
+    m_engine = o.m_engine;
     m_uiOffsetToData = o.m_uiOffsetToData;
     m_bEpochReviewMode = o.m_bEpochReviewMode;
     m_calibration = o.m_calibration;
@@ -261,6 +262,17 @@ long long ecFilebase::PrepareBlock(ecLabeledMatrix<float>& data, int first, int 
     data.resize(GetNumChans(), static_cast<long>(n), 0, 0);
     LabelRows(data);
     return n;
+}
+
+bool ecFilebase::ReadRows(ecLabeledMatrix<float>& data, long long first, long long n, long column)
+{
+    if (n <= 0)
+        return true;
+    std::vector<float*> rows(static_cast<size_t>(data.nrow()));
+    for (long r = 0; r < data.nrow(); ++r)
+        rows[static_cast<size_t>(r)] = data[r] + column;
+    rows.resize(m_engine.Layout().channels.size(), nullptr);
+    return m_engine.Read(GetInputFilePointer(), rows.data(), first, n);
 }
 
 void ecFilebase::LabelRows(ecLabeledMatrix<float>& data)

@@ -11,6 +11,7 @@
 #include "companion/Matrix.h"
 #include "companion/ProgressDlg.h"
 #include "filelib/Calibration.h"
+#include "filelib/SampleEngine.h"
 #include "filelib/ecBase.h"
 
 // A stdio handle shared by an object and its copies. Copies of a reader share their source's
@@ -151,6 +152,11 @@ protected:
     // Sizes and labels `data` for the part of [first, first + count) the recording holds and
     // returns its length; negative arguments raise "[<reader>::ReadData] Slices out of range.".
     long long PrepareBlock(ecLabeledMatrix<float>& data, int first, int count, const char* reader);
+    // The data path of readers that describe their layout to the engine.
+    ecSampleEngine& Engine() { return m_engine; }
+    // Converts slices [first, first + n) into columns [column, column + n) of every row of
+    // `data`; false when the file ends before them.
+    bool ReadRows(ecLabeledMatrix<float>& data, long long first, long long n, long column = 0);
 
     int m_iFileMFR0 = 0;
     // Channel tables, one entry per channel after SetNumChans. A reader that fills them itself
@@ -197,6 +203,7 @@ private:
     unsigned int m_uiOffsetToData = 0;
     bool m_bEpochReviewMode = false;
     ecCalibration m_calibration;
+    ecSampleEngine m_engine;
 };
 
 // Channel type bits.

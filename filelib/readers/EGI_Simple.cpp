@@ -4,28 +4,16 @@
 #include <climits>
 
 #include "companion/ByteCursor.h"
-#include "companion/Deinterleave.h"
 #include "companion/Utility.h"
 
 namespace {
 
 constexpr size_t kFixedBytes = 30;
 constexpr long long kSegmentHeaderBytes = 6;  // category (int16), time stamp (int32)
-constexpr size_t kRawBlockBytes = 1u << 20;
 
 bool Segmented(int version) { return version == 3 || version == 5 || version == 7; }
 
 int BytesOf(int version) { return version <= 3 ? 2 : version <= 5 ? 4 : 8; }
-
-template <typename Apply>
-void WithDecoder(int bytes, Apply apply)
-{
-    if (bytes == 2)
-        return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16BE(p))); });
-    if (bytes == 4)
-        return apply([](const uint8_t* p) { return BitsToFloat(LoadU32BE(p)); });
-    return apply([](const uint8_t* p) { return static_cast<float>(BitsToDouble(LoadU64BE(p))); });
-}
 
 }  // namespace
 
@@ -116,6 +104,7 @@ void EGI_Simple::Initialize(int)
     }
     SetSampleRate(static_cast<float>(rate), 0);
     SetNumSlices(static_cast<int>(slices));
+    DescribeLayout(slices);
     SetRunType(Segmented(m_version) ? kRunMultiEpoch : kRunContinuous);
     SetNumEpochs(static_cast<int>(m_segments));
     SetEpochSlices(static_cast<int>(m_segmentSamples));
@@ -132,33 +121,27 @@ long long EGI_Simple::SliceOffset(long long slice) const
            within * sliceBytes;
 }
 
+void EGI_Simple::DescribeLayout(long long slices)
+{
+    const int channels = m_eegChannels + m_eventChannels;
+    const ecSampleType type = m_bytes == 2 ? ecSampleType::Int16 : m_bytes == 4 ? ecSampleType::Float32 : ecSampleType::Float64;
+    ecDataLayout layout = ecDataLayout::Multiplexed(type, true, channels, channels, m_dataStart, slices);
+    layout.exact = false;
+    if (Segmented(m_version)) {
+        layout.segmentSlices = m_segmentSamples;
+        layout.segmentHeader = kSegmentHeaderBytes;
+        layout.segmentStride = kSegmentHeaderBytes + m_segmentSamples * channels * m_bytes;
+    }
+    for (int c = 0; c < m_eegChannels; ++c)
+        layout.SetConversion(c, m_microvoltsPerUnit * 1e-6, 0);
+    Engine().SetLayout(std::move(layout));
+}
+
 int EGI_Simple::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     const long long n = PrepareBlock(data, first, count, "EGI_Simple");
-    const long channels = GetNumChans();
-    const long long sliceBytes = static_cast<long long>(channels) * m_bytes;
-    const long long perBlock = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / sliceBytes);
-    for (long long done = 0; done < n;) {
-        // A block never crosses a segment header.
-        const long long slice = first + done;
-        const long long segmentLeft = Segmented(m_version) ? m_segmentSamples - slice % m_segmentSamples : n - done;
-        const long long take = std::min({perBlock, n - done, segmentLeft});
-        m_raw.resize(static_cast<size_t>(take * sliceBytes));
-        if (ReadAt(GetInputFilePointer(), SliceOffset(slice), m_raw.data(), m_raw.size()) != m_raw.size())
-            throw ecError("[EGI_Simple::ReadData] Error in reading the data file.", 1, 0, -1, -1);
-        std::vector<float*> rows(static_cast<size_t>(channels));
-        std::vector<float> none(static_cast<size_t>(channels), 0.0f), factors(static_cast<size_t>(channels), 1.0f);
-        for (long c = 0; c < channels; ++c) {
-            rows[static_cast<size_t>(c)] = data[c] + done;
-            if (c < m_eegChannels)
-                factors[static_cast<size_t>(c)] = static_cast<float>(m_microvoltsPerUnit * 1e-6);
-        }
-        WithDecoder(m_bytes, [&](auto decode) {
-            Deinterleave(m_raw.data(), static_cast<size_t>(take), static_cast<size_t>(channels), static_cast<size_t>(m_bytes),
-                         static_cast<size_t>(sliceBytes), rows.data(), none.data(), factors.data(), decode);
-        });
-        done += take;
-    }
+    if (!ReadRows(data, first, n))
+        throw ecError("[EGI_Simple::ReadData] Error in reading the data file.", 1, 0, -1, -1);
     return static_cast<int>(n);
 }
 

@@ -29,6 +29,7 @@ public:
 private:
     [[noreturn]] void Fail(const std::string& text);
     long long SliceOffset(long long slice) const;
+    void DescribeLayout(long long slices);
 
     int m_version = 0;
     int m_bytes = 0;
@@ -39,5 +40,4 @@ private:
     long long m_segments = 1;
     double m_microvoltsPerUnit = 1;
     std::vector<std::string> m_categories;
-    std::vector<uint8_t> m_raw;
 };
