@@ -9,14 +9,12 @@
 #include <sstream>
 
 #include "companion/ByteCursor.h"
-#include "companion/Deinterleave.h"
 #include "companion/Utility.h"
 #include "companion/Xml.h"
 
 namespace {
 
 constexpr int kMaxChannels = 65536;
-constexpr size_t kRawBlockBytes = 1u << 20;
 const char* const kHeaderSuffix = ".orva_hdr";
 
 const char* const kFormatWords[] = {"ASCII",      "Byte",      "Short",      "Long",      "Float",      "Double",
@@ -80,33 +78,6 @@ bool ParseFloat(const std::string& text, float& out)
 bool OptionalInt(const ecXml& xml, const char* tag, long long& value)
 {
     return !xml.TagExists(tag) || ParseInteger(xml.GetString(tag), value);
-}
-
-struct Messages {
-    const char* seek;
-    const char* read;
-};
-const Messages kCntMessages = {"[CGeneric::ReadCNTData]: Fail in seeking binary data file.",
-                               "[CGeneric::ReadCNTData]: Error in reading data file."};
-const Messages kEegMessages = {"[CGeneric::ReadEEGData]: Fail in seeking EEG binary data file.",
-                               "[CGeneric::ReadEEGData]: Error in reading EEG data file."};
-
-// The stored number of each data format.
-template <typename Apply>
-void WithDecoder(int format, Apply apply)
-{
-    switch (format) {
-    case kFmtByte: return apply([](const uint8_t* p) { return static_cast<float>(*p); });
-    case kFmtShort: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16LE(p))); });
-    case kFmtLong: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32LE(p))); });
-    case kFmtFloat: return apply([](const uint8_t* p) { return BitsToFloat(LoadU32LE(p)); });
-    case kFmtDouble: return apply([](const uint8_t* p) { return static_cast<float>(BitsToDouble(LoadU64LE(p))); });
-    case kFmtSwabShort: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16BE(p))); });
-    case kFmtSwabLong: return apply([](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32BE(p))); });
-    case kFmtSwabFloat: return apply([](const uint8_t* p) { return BitsToFloat(LoadU32BE(p)); });
-    case kFmtSwabDouble: return apply([](const uint8_t* p) { return static_cast<float>(BitsToDouble(LoadU64BE(p))); });
-    default: throw ecError("[CGeneric::ReadEEGData]: Unrecognized data format.", 1, 0, -1, -1);
-    }
 }
 
 }  // namespace
@@ -364,75 +335,67 @@ std::vector<float> CGeneric::ChannelFactors()
     return factors;
 }
 
-void CGeneric::ReadEpochSpan(ecLabeledMatrix<float>& data, long col, long epoch, long t0, long n, bool epochRead)
+void CGeneric::ReadAsciiSpan(ecLabeledMatrix<float>& data, long col, long epoch, long t0, long n, const char* failure)
 {
-    const Messages& msg = epochRead ? kEegMessages : kCntMessages;
     const long channels = GetNumChans();
     const long epochSlices = SlicesPerEpoch();
     const std::vector<float> factors = ChannelFactors();
-    if (m_iDataFormat == kFmtASCII) {
-        if (m_asciiValues.empty() && channels > 0)
-            throw ecError(msg.read, 1, 0, -1, -1);
-        const float* epochBase = m_asciiValues.data() + static_cast<size_t>(epoch) * channels * epochSlices;
-        for (long c = 0; c < channels; ++c) {
-            float* dst = data[c] + col;
-            for (long t = 0; t < n; ++t) {
-                const long index = m_bMatrixOrientation ? (t0 + t) * channels + c : c * epochSlices + t0 + t;
-                dst[t] = epochBase[index] * factors[static_cast<size_t>(c)];
-            }
-        }
-        return;
-    }
-    const int bps = BytesPerSample(m_iDataFormat);
-    if (bps == 0)
-        throw ecError("[CGeneric::ReadEEGData]: Unrecognized data format.", 1, 0, -1, -1);
-    const int64_t epochBase =
-        static_cast<int64_t>(GetOffsetToData()) + static_cast<int64_t>(epoch) * channels * epochSlices * bps;
-    FILE* fp = GetInputFilePointer();
-    if (!fp)
-        throw ecError(msg.read, 1, 0, -1, -1);
-    const std::vector<float> none(static_cast<size_t>(channels), 0.0f);
-    if (m_bMatrixOrientation) {
-        // Slice after slice: whole slices in blocks of about 1 MiB.
-        const size_t sliceBytes = static_cast<size_t>(channels) * bps;
-        const long perBlock = std::max(1L, static_cast<long>(kRawBlockBytes / sliceBytes));
-        std::vector<float*> rows(static_cast<size_t>(channels));
-        for (long done = 0; done < n;) {
-            const long take = std::min(perBlock, n - done);
-            if (fseeko(fp, static_cast<off_t>(epochBase + (t0 + done) * static_cast<int64_t>(sliceBytes)), SEEK_SET) != 0)
-                throw ecError(msg.seek, 1, 0, -1, -1);
-            m_raw.resize(static_cast<size_t>(take) * sliceBytes);
-            if (std::fread(m_raw.data(), 1, m_raw.size(), fp) != m_raw.size())
-                throw ecError(msg.read, 1, 0, -1, -1);
-            for (long c = 0; c < channels; ++c)
-                rows[static_cast<size_t>(c)] = data[c] + col + done;
-            WithDecoder(m_iDataFormat, [&](auto decode) {
-                Deinterleave(m_raw.data(), static_cast<size_t>(take), static_cast<size_t>(channels),
-                             static_cast<size_t>(bps), sliceBytes, rows.data(), none.data(), factors.data(), decode);
-            });
-            done += take;
-        }
-        return;
-    }
-    // Channel after channel: one contiguous run per channel.
-    const long perBlock = std::max(1L, static_cast<long>(kRawBlockBytes / bps));
+    if (m_asciiValues.empty() && channels > 0)
+        throw ecError(failure, 1, 0, -1, -1);
+    const float* epochBase = m_asciiValues.data() + static_cast<size_t>(epoch) * channels * epochSlices;
     for (long c = 0; c < channels; ++c) {
-        for (long done = 0; done < n;) {
-            const long take = std::min(perBlock, n - done);
-            const int64_t pos = epochBase + (static_cast<int64_t>(c) * epochSlices + t0 + done) * bps;
-            if (fseeko(fp, static_cast<off_t>(pos), SEEK_SET) != 0)
-                throw ecError(msg.seek, 1, 0, -1, -1);
-            m_raw.resize(static_cast<size_t>(take) * bps);
-            if (std::fread(m_raw.data(), 1, m_raw.size(), fp) != m_raw.size())
-                throw ecError(msg.read, 1, 0, -1, -1);
-            float* row = data[c] + col + done;
-            WithDecoder(m_iDataFormat, [&](auto decode) {
-                Deinterleave(m_raw.data(), static_cast<size_t>(take), 1, static_cast<size_t>(bps),
-                             static_cast<size_t>(bps), &row, none.data(), &factors[static_cast<size_t>(c)], decode);
-            });
-            done += take;
+        float* dst = data[c] + col;
+        for (long t = 0; t < n; ++t) {
+            const long index = m_bMatrixOrientation ? (t0 + t) * channels + c : c * epochSlices + t0 + t;
+            dst[t] = epochBase[index] * factors[static_cast<size_t>(c)];
         }
     }
+}
+
+void CGeneric::DescribeLayout()
+{
+    const ecSampleType types[] = {ecSampleType::UInt8, ecSampleType::Int16, ecSampleType::Int32, ecSampleType::Float32,
+                                  ecSampleType::Float64};
+    const int format = m_iDataFormat;
+    const bool swapped = format >= kFmtSwabShort && format <= kFmtSwabDouble;
+    const ecSampleType type = types[swapped ? format - kFmtSwabShort + 1 : format - kFmtByte];
+    const int channels = GetNumChans();
+    const long long epochSlices = SlicesPerEpoch();
+    const long long epochs = std::max(1, GetNumEpochs());
+    // Every epoch is one segment; inside it the samples run slice after slice or channel after channel.
+    ecDataLayout layout = m_bMatrixOrientation
+                              ? ecDataLayout::Multiplexed(type, swapped, channels, channels, GetOffsetToData(), epochSlices)
+                              : ecDataLayout::Vectorized(type, swapped, channels, GetOffsetToData(), epochSlices);
+    layout.exact = false;
+    layout.slices = epochSlices * epochs;
+    layout.segmentSlices = epochSlices;
+    layout.segmentStride = epochSlices * channels * SampleWidth(type);
+    const std::vector<float> factors = ChannelFactors();
+    for (int c = 0; c < channels; ++c)
+        layout.SetConversion(c, factors[static_cast<size_t>(c)], 0);
+    Engine().SetLayout(std::move(layout));
+}
+
+void CGeneric::ReadSpan(ecLabeledMatrix<float>& data, long long first, long long n, bool epochRead)
+{
+    const char* failure = epochRead ? "[CGeneric::ReadEEGData]: Error in reading EEG data file."
+                                    : "[CGeneric::ReadCNTData]: Error in reading data file.";
+    if (m_iDataFormat == kFmtASCII) {
+        const long epochSlices = SlicesPerEpoch();
+        for (long long done = 0; done < n;) {
+            const long long slice = first + done;
+            const long long take = std::min<long long>(n - done, epochSlices - slice % epochSlices);
+            ReadAsciiSpan(data, static_cast<long>(done), static_cast<long>(slice / epochSlices),
+                          static_cast<long>(slice % epochSlices), static_cast<long>(take), failure);
+            done += take;
+        }
+        return;
+    }
+    if (BytesPerSample(m_iDataFormat) == 0)
+        throw ecError("[CGeneric::ReadEEGData]: Unrecognized data format.", 1, 0, -1, -1);
+    DescribeLayout();
+    if (!GetInputFilePointer() || !ReadRows(data, first, n))
+        throw ecError(failure, 1, 0, -1, -1);
 }
 
 void CGeneric::ReadEEGData(ecLabeledMatrix<float>& data, int epoch)
@@ -443,7 +406,7 @@ void CGeneric::ReadEEGData(ecLabeledMatrix<float>& data, int epoch)
         throw ecError("[CGeneric::ReadEEGData]: Unrecognized data format.", 1, 0, -1, -1);
     const int slices = SlicesPerEpoch();
     data.resize(GetNumChans(), slices, 0, 0);
-    ReadEpochSpan(data, 0, epoch, 0, slices, true);
+    ReadSpan(data, static_cast<long long>(epoch) * slices, slices, true);
     LabelRows(data);
 }
 
@@ -455,14 +418,7 @@ int CGeneric::ReadCNTData(ecLabeledMatrix<float>& data, int first, int count)
         return 0;
     const long n = std::min<long>(count, available - first);
     data.resize(GetNumChans(), n, 0, 0);
-    for (long done = 0; done < n;) {
-        const long slice = first + done;
-        const long epoch = slice / epochSlices;
-        const long t0 = slice % epochSlices;
-        const long take = std::min(n - done, epochSlices - t0);
-        ReadEpochSpan(data, done, epoch, t0, take, false);
-        done += take;
-    }
+    ReadSpan(data, first, n, false);
     LabelRows(data);
     return static_cast<int>(n);
 }

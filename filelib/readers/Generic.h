@@ -93,7 +93,9 @@ private:
     void CheckDataSize(int64_t fileBytes);
     // Delivers slices [t0, t0 + n) of one epoch into columns [col, col + n) of data; epochRead
     // selects the ReadEEGData error texts instead of the ReadCNTData ones.
-    void ReadEpochSpan(ecLabeledMatrix<float>& data, long col, long epoch, long t0, long n, bool epochRead);
+    void ReadAsciiSpan(ecLabeledMatrix<float>& data, long col, long epoch, long t0, long n, const char* failure);
+    void DescribeLayout();
+    void ReadSpan(ecLabeledMatrix<float>& data, long long first, long long n, bool epochRead);
     std::vector<float> ChannelFactors();
 
     std::string m_sInputDataFile;
@@ -106,6 +108,5 @@ private:
     std::string m_sCntFileName;
     std::string m_sVarianceFileName;
     float m_fOutputScale = 1.0f;
-    std::vector<uint8_t> m_raw;       // reusable block of stored bytes
     std::vector<float> m_asciiValues;  // an ASCII data file, parsed once
 };
