@@ -135,19 +135,7 @@ void ecDataLayout::SetConversion(int channel, double gain, double shift)
     c.shift = shift;
 }
 
-void ecSampleEngine::SetLayout(ecDataLayout layout)
-{
-    m_layout = std::move(layout);
-    m_calFactors.clear();
-    m_calOffsets.clear();
-}
-
-void ecSampleEngine::SetCalibration(std::vector<float> factors, std::vector<float> offsets)
-{
-    const bool complete = factors.size() == m_layout.channels.size() && offsets.size() == factors.size();
-    m_calFactors = complete ? std::move(factors) : std::vector<float>();
-    m_calOffsets = complete ? std::move(offsets) : std::vector<float>();
-}
+void ecSampleEngine::SetLayout(ecDataLayout layout) { m_layout = std::move(layout); }
 
 long long ecSampleEngine::SegmentSlices() const
 {
@@ -192,28 +180,28 @@ std::pair<long long, long long> Span(const ecDataLayout& layout, long long segme
 }  // namespace
 
 template <typename Decode>
-void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long lo, float* const* rows, long long a,
-                                 long long b, long long done) const
+void ecSampleEngine::ConvertWith(Decode decode, long long lo, const Target& target, long long a, long long b) const
 {
-    // `base` holds the segment's bytes from `lo` on: sample k of a channel is at
-    // base + offset + k * stride - lo.
+    // The buffer holds the segment's bytes from `lo` on: sample k of a channel is at
+    // buffer + offset + k * stride - lo.
+    const uint8_t* base = m_buffer.data();
     const long long segmentSlices = SegmentSlices();
-    const bool calibrated = !m_calFactors.empty();
+    const bool calibrated = target.calFactors && target.calOffsets;
     for (long long t0 = a; t0 < b; t0 += kTileSlices) {
         const long long t1 = std::min(b, t0 + kTileSlices);
         for (size_t c = 0; c < m_layout.channels.size(); ++c) {
             const ecChannelLayout& ch = m_layout.channels[c];
-            if (!rows[c])
+            if (!target.rows[c])
                 continue;
             const Conversion conv{ch.gain,
                                   ch.shift,
                                   static_cast<float>(ch.gain),
                                   static_cast<float>(ch.shift),
-                                  calibrated ? m_calFactors[c] : 1.0f,
-                                  calibrated ? m_calOffsets[c] : 0.0f,
+                                  calibrated ? target.calFactors[c] : 1.0f,
+                                  calibrated ? target.calOffsets[c] : 0.0f,
                                   m_layout.exact,
                                   calibrated};
-            float* out = rows[c] + done - a;
+            float* out = target.rows[c] + target.done - a;
             if (ch.samples > 0) {
                 for (long long t = t0; t < t1; ++t)
                     out[t] = conv(decode, base + (ch.offset + SampleAt(ch, t, segmentSlices) * ch.stride - lo));
@@ -226,13 +214,13 @@ void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long l
     }
 }
 
-void ecSampleEngine::Convert(long long lo, float* const* rows, long long a, long long b, long long done) const
+void ecSampleEngine::Convert(long long lo, const Target& target, long long a, long long b) const
 {
-    WithDecoder(m_layout.type, m_layout.bigEndian,
-                [&](auto decode) { ConvertWith(decode, m_buffer.data(), lo, rows, a, b, done); });
+    WithDecoder(m_layout.type, m_layout.bigEndian, [&](auto decode) { ConvertWith(decode, lo, target, a, b); });
 }
 
-bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long long count)
+bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long long count, const float* calFactors,
+                          const float* calOffsets)
 {
     const long long segmentSlices = SegmentSlices();
     const size_t channels = m_layout.channels.size();
@@ -256,7 +244,7 @@ bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long lo
         if (span.second - span.first <= kBlockBytes) {
             if (!ReadSpan(fp, start + span.first, span.second - span.first))
                 return false;
-            Convert(span.first, rows, a, b, done);
+            Convert(span.first, {rows, done, calFactors, calOffsets}, a, b);
         } else {
             b = std::min(inSegment, a + count - done);
             const long long perBlock = std::max<long long>(1, kBlockBytes / width);
@@ -268,7 +256,7 @@ bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long lo
                     const auto [from, to] = Span(m_layout, segmentSlices, s, e, c, c + 1);
                     if (!ReadSpan(fp, start + from, to - from))
                         return false;
-                    Convert(from, one.data(), s, e, done + (s - a));
+                    Convert(from, {one.data(), done + (s - a), calFactors, calOffsets}, s, e);
                 }
             }
         }

@@ -59,25 +59,28 @@ class ecSampleEngine {
 public:
     void SetLayout(ecDataLayout layout);
     const ecDataLayout& Layout() const { return m_layout; }
-    // Calibration applied after the conversion (empty vectors: none).
-    void SetCalibration(std::vector<float> factors, std::vector<float> offsets);
 
-    // Converts slices [first, first + count) into rows[c][0 .. count) for every channel. The
-    // range must lie within the recording. Returns false when the file ends before the bytes of
-    // the range (the rows then hold what was converted before that point).
-    bool Read(FILE* fp, float* const* rows, long long first, long long count);
+    // Converts slices [first, first + count) into rows[c][0 .. count) for every channel whose row
+    // is not null; with calibration factors and offsets (one per channel), value x factor + offset.
+    // The range must lie within the recording. Returns false when the file ends before the bytes
+    // of the range (the rows then hold what was converted before that point).
+    bool Read(FILE* fp, float* const* rows, long long first, long long count, const float* calFactors = nullptr,
+              const float* calOffsets = nullptr);
 
 private:
     long long SegmentStart(long long segment) const;
     long long SegmentSlices() const;
     bool ReadSpan(FILE* fp, long long from, long long bytes);
-    void Convert(long long lo, float* const* rows, long long a, long long b, long long done) const;
+    struct Target {
+        float* const* rows;
+        long long done;  // column of slice a in the rows
+        const float* calFactors;
+        const float* calOffsets;
+    };
+    void Convert(long long lo, const Target& target, long long a, long long b) const;
     template <typename Decode>
-    void ConvertWith(Decode decode, const uint8_t* base, long long lo, float* const* rows, long long a, long long b,
-                     long long done) const;
+    void ConvertWith(Decode decode, long long lo, const Target& target, long long a, long long b) const;
 
     ecDataLayout m_layout;
-    std::vector<float> m_calFactors;
-    std::vector<float> m_calOffsets;
     std::vector<uint8_t> m_buffer;
 };

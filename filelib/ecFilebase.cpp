@@ -87,6 +87,8 @@ void ecFilebase::CopyFields(const ecFilebase& o)
     m_iReferenceChannel = o.m_iReferenceChannel;
     m_iDomain = o.m_iDomain;
     m_engine = o.m_engine;
+    m_calFactors = o.m_calFactors;
+    m_calOffsets = o.m_calOffsets;
     m_uiOffsetToData = o.m_uiOffsetToData;
     m_bEpochReviewMode = o.m_bEpochReviewMode;
     m_calibration = o.m_calibration;
@@ -268,11 +270,49 @@ bool ecFilebase::ReadRows(ecLabeledMatrix<float>& data, long long first, long lo
 {
     if (n <= 0)
         return true;
-    std::vector<float*> rows(static_cast<size_t>(data.nrow()));
-    for (long r = 0; r < data.nrow(); ++r)
-        rows[static_cast<size_t>(r)] = data[r] + column;
-    rows.resize(m_engine.Layout().channels.size(), nullptr);
-    return m_engine.Read(GetInputFilePointer(), rows.data(), first, n);
+    const size_t channels = m_engine.Layout().channels.size();
+    std::vector<float*> rows(channels, nullptr);
+    for (size_t r = 0; r < channels && r < static_cast<size_t>(data.nrow()); ++r)
+        rows[r] = data[static_cast<long>(r)] + column;
+    const bool calibrate = m_calibrating && m_calFactors.size() >= channels;
+    m_calibrated = m_calibrated || calibrate;
+    return m_engine.Read(GetInputFilePointer(), rows.data(), first, n, calibrate ? m_calFactors.data() : nullptr,
+                         calibrate ? m_calOffsets.data() : nullptr);
+}
+
+void ecFilebase::ResolveCalibration()
+{
+    std::vector<std::string> labels(static_cast<size_t>(GetNumChans()));
+    for (size_t c = 0; c < labels.size(); ++c)
+        GetChanName(static_cast<int>(c), labels[c]);
+    if (m_calibration.Transfer(labels, m_calFactors, m_calOffsets) == 0) {
+        m_calFactors.clear();
+        m_calOffsets.clear();
+    }
+}
+
+int ecFilebase::ReadCalibrated(ecLabeledMatrix<float>& data, int first, int count)
+{
+    m_calibrating = !m_calFactors.empty();
+    m_calibrated = false;
+    int read = 0;
+    try {
+        read = ReadData(data, first, count);
+    } catch (...) {
+        m_calibrating = false;
+        throw;
+    }
+    m_calibrating = false;
+    if (read <= 0 || m_calFactors.empty() || m_calibrated)
+        return read;
+    const long rows = std::min<long>(data.nrow(), static_cast<long>(m_calFactors.size()));
+    for (long r = 0; r < rows; ++r) {
+        float* row = data[r];
+        const float f = m_calFactors[static_cast<size_t>(r)], o = m_calOffsets[static_cast<size_t>(r)];
+        for (long s = 0; s < data.ncol(); ++s)
+            row[s] = row[s] * f + o;
+    }
+    return read;
 }
 
 void ecFilebase::LabelRows(ecLabeledMatrix<float>& data)

@@ -138,6 +138,12 @@ public:
     // Derives the calibration factors (see Calibration.h).
     void Calibrate();
     ecCalibration& GetCalibration() { return m_calibration; }
+    // Matches the derived calibration to the channels by name, once; ReadCalibrated then applies it.
+    void ResolveCalibration();
+    // ReadData with the resolved calibration applied (value x factor + offset per channel). Readers
+    // on the sample engine apply it while converting; for the others it is one pass over the rows.
+    // ReadData itself, the trigger search and Calibrate always see uncalibrated values.
+    int ReadCalibrated(ecLabeledMatrix<float>& data, int first, int count);
 
 protected:
     // Lets go of the input handle (closing it unless a copy still holds it).
@@ -204,6 +210,10 @@ private:
     bool m_bEpochReviewMode = false;
     ecCalibration m_calibration;
     ecSampleEngine m_engine;
+    std::vector<float> m_calFactors;  // resolved per channel; empty: no calibration
+    std::vector<float> m_calOffsets;
+    bool m_calibrating = false;       // inside ReadCalibrated
+    bool m_calibrated = false;        // the engine applied the calibration to the block
 };
 
 // Channel type bits.

@@ -96,6 +96,7 @@ void CFilelib::Initialize(int)
     m_activeFile->Initialize(row->initializeArg);
     if (!m_activeFile->GetCalibration().GetSkipCalib())
         m_activeFile->Calibrate();
+    m_activeFile->ResolveCalibration();
 }
 
 unsigned int CFilelib::GetRunType() { return Require("GetRunType").GetRunType(); }
@@ -195,31 +196,7 @@ float CFilelib::GetDuration()
 
 int CFilelib::ReadData(ecLabeledMatrix<float>& data, int firstSlice, int numSlices)
 {
-    if (!m_activeFile)
-        return 0;
-    const int read = m_activeFile->ReadData(data, firstSlice, numSlices);
-    if (read > 0)
-        ApplyCalibration(data);
-    return read;
-}
-
-void CFilelib::ApplyCalibration(ecLabeledMatrix<float>& data)
-{
-    const ecCalibration& cal = m_activeFile->GetCalibration();
-    if (!cal.GetDerived())
-        return;
-    std::vector<std::string> labels(static_cast<size_t>(data.nrow()));
-    for (long r = 0; r < data.nrow(); ++r)
-        labels[static_cast<size_t>(r)] = data.GetRowLabeledState(static_cast<int>(r)).GetLabel();
-    std::vector<float> factors, offsets;
-    if (cal.Transfer(labels, factors, offsets) == 0)
-        return;
-    for (long r = 0; r < data.nrow(); ++r) {
-        float* row = data[r];
-        const float f = factors[static_cast<size_t>(r)], o = offsets[static_cast<size_t>(r)];
-        for (long s = 0; s < data.ncol(); ++s)
-            row[s] = row[s] * f + o;
-    }
+    return m_activeFile ? m_activeFile->ReadCalibrated(data, firstSlice, numSlices) : 0;
 }
 
 int CFilelib::InitialEventList(ecEventList* events, ecProgressDlg* progress)

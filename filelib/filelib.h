@@ -110,7 +110,6 @@ public:
 private:
     CGeneric* ActiveGeneric();
     ecFilebase& Require(const char* message);
-    void ApplyCalibration(ecLabeledMatrix<float>& data);
     // Forwards a setter to the active reader; does nothing without one.
     template <typename... Params, typename... Args>
     void Quietly(void (ecFilebase::*setter)(Params...), Args&&... args)

@@ -50,13 +50,14 @@ struct File {
     ~File() { std::fclose(fp); }
 };
 
-std::vector<std::vector<float>> ReadAll(ecSampleEngine& engine, FILE* fp, long long first, long long count)
+std::vector<std::vector<float>> ReadAll(ecSampleEngine& engine, FILE* fp, long long first, long long count,
+                                        const float* factors = nullptr, const float* offsets = nullptr)
 {
     std::vector<std::vector<float>> rows(engine.Layout().channels.size(), std::vector<float>(static_cast<size_t>(count)));
     std::vector<float*> out;
     for (auto& r : rows)
         out.push_back(r.data());
-    EXPECT_TRUE(engine.Read(fp, out.data(), first, count));
+    EXPECT_TRUE(engine.Read(fp, out.data(), first, count, factors, offsets));
     return rows;
 }
 
@@ -109,11 +110,9 @@ TEST(SampleEngine, ExactAndSinglePrecisionArithmeticAndCalibration)
     layout.exact = false;
     layout.SetConversion(0, 0.5, 2);  // (raw - 2) x 0.5 in float
     engine.SetLayout(layout);
-    engine.SetCalibration({4.0f}, {1.0f});
-    rows = ReadAll(engine, f.fp, 2, 1);
-    EXPECT_EQ(rows[0][0], (12345.0f - 2.0f) * 0.5f * 4.0f + 1.0f);
-    engine.SetCalibration({4.0f, 2.0f}, {1.0f});  // not one per channel: ignored
     EXPECT_EQ(ReadAll(engine, f.fp, 2, 1)[0][0], (12345.0f - 2.0f) * 0.5f);
+    const float factor = 4.0f, offset = 1.0f;
+    EXPECT_EQ(ReadAll(engine, f.fp, 2, 1, &factor, &offset)[0][0], (12345.0f - 2.0f) * 0.5f * 4.0f + 1.0f);
 }
 
 // Records with headers, a slower channel held at the record's rate, a segment table, spans
