@@ -180,11 +180,11 @@ std::pair<long long, long long> Span(const ecDataLayout& layout, long long segme
 }  // namespace
 
 template <typename Decode>
-void ecSampleEngine::ConvertWith(Decode decode, long long lo, const Target& target, long long a, long long b) const
+void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
+                                 long long b) const
 {
-    // The buffer holds the segment's bytes from `lo` on: sample k of a channel is at
-    // buffer + offset + k * stride - lo.
-    const uint8_t* base = m_buffer.data();
+    // `base` holds the segment's bytes from `lo` on: sample k of a channel is at
+    // base + offset + k * stride - lo.
     const long long segmentSlices = SegmentSlices();
     const bool calibrated = target.calFactors && target.calOffsets;
     for (long long t0 = a; t0 < b; t0 += kTileSlices) {
@@ -214,25 +214,45 @@ void ecSampleEngine::ConvertWith(Decode decode, long long lo, const Target& targ
     }
 }
 
-void ecSampleEngine::Convert(long long lo, const Target& target, long long a, long long b) const
+void ecSampleEngine::Convert(const uint8_t* base, long long lo, const Target& target, long long a, long long b) const
 {
-    WithDecoder(m_layout.type, m_layout.bigEndian, [&](auto decode) { ConvertWith(decode, lo, target, a, b); });
+    WithDecoder(m_layout.type, m_layout.bigEndian, [&](auto decode) { ConvertWith(decode, base, lo, target, a, b); });
 }
 
-bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long long count, const float* calFactors,
-                          const float* calOffsets)
+ecSampleEngine::Place ecSampleEngine::Locate(long long slice) const
 {
+    const std::vector<long long>& firsts = m_layout.segmentFirstSlices;
+    if (firsts.empty()) {
+        const long long perSegment = SegmentSlices(), segment = slice / perSegment;
+        return {segment, slice % perSegment, std::min(perSegment, m_layout.slices - segment * perSegment)};
+    }
+    const long long segment = std::upper_bound(firsts.begin(), firsts.end(), slice) - firsts.begin() - 1;
+    const size_t s = static_cast<size_t>(std::max(0LL, segment));
+    const long long end = s + 1 < firsts.size() ? firsts[s + 1] : m_layout.slices;
+    return {segment, slice - firsts[s], end - firsts[s]};
+}
+
+bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long long count, const ecReadOptions& options)
+{
+    const float* calFactors = options.calFactors;
+    const float* calOffsets = options.calOffsets;
     const long long segmentSlices = SegmentSlices();
     const size_t channels = m_layout.channels.size();
     const int width = SampleWidth(m_layout.type);
     std::vector<float*> one(channels, nullptr);
     for (long long done = 0; done < count;) {
-        const long long segment = (first + done) / segmentSlices;
-        const long long a = (first + done) % segmentSlices;
-        const long long inSegment = std::min(segmentSlices, m_layout.slices - segment * segmentSlices);
+        const auto [segment, a, inSegment] = Locate(first + done);
         long long b = std::min(inSegment, a + count - done);
-        if (!m_layout.segmentTable.empty() && segment >= static_cast<long long>(m_layout.segmentTable.size()))
+        if (segment < 0 || (!m_layout.segmentTable.empty() && segment >= static_cast<long long>(m_layout.segmentTable.size())))
             return false;
+        if (m_layout.decodedSegments) {
+            const uint8_t* decoded = options.decodeSegment ? options.decodeSegment(segment) : nullptr;
+            if (!decoded)
+                return false;
+            Convert(decoded, 0, {rows, done, calFactors, calOffsets}, a, b);
+            done += b - a;
+            continue;
+        }
         const long long start = SegmentStart(segment);
         // As many slices of every channel as fit one block; when even one slice does not
         // (channel-major storage), one channel at a time.
@@ -244,7 +264,7 @@ bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long lo
         if (span.second - span.first <= kBlockBytes) {
             if (!ReadSpan(fp, start + span.first, span.second - span.first))
                 return false;
-            Convert(span.first, {rows, done, calFactors, calOffsets}, a, b);
+            Convert(m_buffer.data(), span.first, {rows, done, calFactors, calOffsets}, a, b);
         } else {
             b = std::min(inSegment, a + count - done);
             const long long perBlock = std::max<long long>(1, kBlockBytes / width);
@@ -256,7 +276,7 @@ bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long lo
                     const auto [from, to] = Span(m_layout, segmentSlices, s, e, c, c + 1);
                     if (!ReadSpan(fp, start + from, to - from))
                         return false;
-                    Convert(from, {one.data(), done + (s - a), calFactors, calOffsets}, s, e);
+                    Convert(m_buffer.data(), from, {one.data(), done + (s - a), calFactors, calOffsets}, s, e);
                 }
             }
         }

@@ -20,6 +20,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <vector>
 
 enum class ecSampleType : uint8_t { Int8, UInt8, Int16, UInt16, Int24, Int32, Float32, Float64 };
@@ -44,6 +45,10 @@ struct ecDataLayout {
     long long segmentStride = 0; // bytes from one segment to the next (regular segments)
     long long segmentHeader = 0; // bytes before a segment's data
     std::vector<long long> segmentTable;  // file offsets of the segments, in place of the regular ones
+    std::vector<long long> segmentFirstSlices;  // with the table: segments of unequal length start here
+    // Segments whose bytes the reader decodes (compressed records): the samples of a segment
+    // come from the read's decodeSegment, channel offsets counted from its first byte.
+    bool decodedSegments = false;
     std::vector<ecChannelLayout> channels;
 
     // Slice-major samples of `stored` values per slice, the first `delivered` of which are channels.
@@ -55,19 +60,29 @@ struct ecDataLayout {
     void SetConversion(int channel, double gain, double shift);
 };
 
+// What a read adds to the layout: calibration factors and offsets (one per channel: value x
+// factor + offset), and the decoder of decoded segments (the segment's bytes, null when it cannot).
+struct ecReadOptions {
+    const float* calFactors = nullptr;
+    const float* calOffsets = nullptr;
+    std::function<const uint8_t*(long long segment)> decodeSegment;
+};
+
 class ecSampleEngine {
 public:
     void SetLayout(ecDataLayout layout);
     const ecDataLayout& Layout() const { return m_layout; }
 
     // Converts slices [first, first + count) into rows[c][0 .. count) for every channel whose row
-    // is not null; with calibration factors and offsets (one per channel), value x factor + offset.
-    // The range must lie within the recording. Returns false when the file ends before the bytes
-    // of the range (the rows then hold what was converted before that point).
-    bool Read(FILE* fp, float* const* rows, long long first, long long count, const float* calFactors = nullptr,
-              const float* calOffsets = nullptr);
+    // is not null. The range must lie within the recording. Returns false when the file ends
+    // before the bytes of the range (the rows then hold what was converted before that point).
+    bool Read(FILE* fp, float* const* rows, long long first, long long count, const ecReadOptions& options = {});
 
 private:
+    struct Place {
+        long long segment, slice, length;  // the segment, the slice within it, its length
+    };
+    Place Locate(long long slice) const;
     long long SegmentStart(long long segment) const;
     long long SegmentSlices() const;
     bool ReadSpan(FILE* fp, long long from, long long bytes);
@@ -77,9 +92,10 @@ private:
         const float* calFactors;
         const float* calOffsets;
     };
-    void Convert(long long lo, const Target& target, long long a, long long b) const;
+    void Convert(const uint8_t* base, long long lo, const Target& target, long long a, long long b) const;
     template <typename Decode>
-    void ConvertWith(Decode decode, long long lo, const Target& target, long long a, long long b) const;
+    void ConvertWith(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
+                     long long b) const;
 
     ecDataLayout m_layout;
     std::vector<uint8_t> m_buffer;

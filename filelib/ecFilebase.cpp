@@ -276,8 +276,14 @@ bool ecFilebase::ReadRows(ecLabeledMatrix<float>& data, long long first, long lo
         rows[r] = data[static_cast<long>(r)] + column;
     const bool calibrate = m_calibrating && m_calFactors.size() >= channels;
     m_calibrated = m_calibrated || calibrate;
-    return m_engine.Read(GetInputFilePointer(), rows.data(), first, n, calibrate ? m_calFactors.data() : nullptr,
-                         calibrate ? m_calOffsets.data() : nullptr);
+    ecReadOptions options;
+    if (calibrate) {
+        options.calFactors = m_calFactors.data();
+        options.calOffsets = m_calOffsets.data();
+    }
+    if (m_engine.Layout().decodedSegments)
+        options.decodeSegment = [this](long long segment) { return DecodeSegment(segment); };
+    return m_engine.Read(GetInputFilePointer(), rows.data(), first, n, options);
 }
 
 void ecFilebase::ResolveCalibration()

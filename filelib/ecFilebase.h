@@ -163,6 +163,9 @@ protected:
     // Converts slices [first, first + n) into columns [column, column + n) of every row of
     // `data`; false when the file ends before them.
     bool ReadRows(ecLabeledMatrix<float>& data, long long first, long long n, long column = 0);
+    // The decoded bytes of one segment, for layouts whose segments the reader decodes; null when
+    // the segment cannot be decoded.
+    virtual const uint8_t* DecodeSegment(long long) { return nullptr; }
 
     int m_iFileMFR0 = 0;
     // Channel tables, one entry per channel after SetNumChans. A reader that fills them itself

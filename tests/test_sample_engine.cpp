@@ -57,7 +57,10 @@ std::vector<std::vector<float>> ReadAll(ecSampleEngine& engine, FILE* fp, long l
     std::vector<float*> out;
     for (auto& r : rows)
         out.push_back(r.data());
-    EXPECT_TRUE(engine.Read(fp, out.data(), first, count, factors, offsets));
+    ecReadOptions options;
+    options.calFactors = factors;
+    options.calOffsets = offsets;
+    EXPECT_TRUE(engine.Read(fp, out.data(), first, count, options));
     return rows;
 }
 
@@ -147,6 +150,25 @@ TEST(SampleEngine, SegmentsHeldChannelsLargeSpansAndShortFiles)
     layout.firstSegment = 0;
     engine.SetLayout(layout);
     EXPECT_EQ(ReadAll(engine, f.fp, 3, 2)[0], (std::vector<float>{13, 0}));
+    layout.segmentTable = {8, 22};  // segments of unequal length: 3 slices, then 4
+    layout.segmentFirstSlices = {0, 3};
+    layout.slices = 7;
+    engine.SetLayout(layout);
+    EXPECT_EQ(ReadAll(engine, f.fp, 0, 7)[0], (std::vector<float>{0, 1, 2, 10, 11, 12, 13}));
+
+    // Segments the reader decodes: the bytes come from its decoder, not the file.
+    ecDataLayout decoded = ecDataLayout::Multiplexed(ecSampleType::UInt8, false, 2, 2, 0, 4);
+    decoded.segmentSlices = 2;
+    decoded.decodedSegments = true;
+    engine.SetLayout(decoded);
+    const uint8_t segments[2][4] = {{1, 2, 3, 4}, {5, 6, 7, 8}};
+    ecReadOptions options;
+    options.decodeSegment = [&](long long segment) { return segments[segment]; };
+    std::vector<float> a(3), c(3);
+    float* out2[] = {a.data(), c.data()};
+    ASSERT_TRUE(engine.Read(nullptr, out2, 1, 3, options));
+    EXPECT_EQ(a, (std::vector<float>{3, 5, 7}));
+    EXPECT_EQ(c, (std::vector<float>{4, 6, 8}));
 
     // 300,000 slices of 4 int16 channels, vectorized: no span of all channels fits a block.
     const long long many = 300000;

@@ -110,6 +110,7 @@ void ecERPSS::Initialize(int)
     SetSampleRate(static_cast<float>(period * 1e-6), 1);
     const Record& last = m_records.back();
     SetNumSlices(static_cast<int>(std::min<long long>(last.firstSlice + last.samples, INT_MAX)));
+    DescribeLayout();
     SetRunType(kRunContinuous);
     SetNumEpochs(1);
     SetEpochSlices(GetNumSlices());
@@ -238,6 +239,28 @@ void ecERPSS::Uncompress(int compressedWords)
     }
 }
 
+// Records are segments of unequal length: plain ones are read straight from the file,
+// compressed ones through the record decoder (whose buffer holds host-order words).
+void ecERPSS::DescribeLayout()
+{
+    ecDataLayout layout = ecDataLayout::Multiplexed(ecSampleType::Int16, m_bCompressed && !HostIsLittleEndian(),
+                                                    m_iChannels, m_iChannels, 0, GetNumSlices());
+    layout.exact = false;
+    layout.decodedSegments = m_bCompressed;
+    layout.segmentHeader = m_bCompressed ? 0 : static_cast<long long>(kRecordHeaderBytes);
+    for (const Record& r : m_records) {
+        layout.segmentTable.push_back(r.offset);
+        layout.segmentFirstSlices.push_back(r.firstSlice);
+    }
+    Engine().SetLayout(std::move(layout));
+}
+
+const uint8_t* ecERPSS::DecodeSegment(long long segment)
+{
+    ReadRecord(static_cast<int>(segment));
+    return reinterpret_cast<const uint8_t*>(m_psBuff.data());
+}
+
 int ecERPSS::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     if (m_bSwabbed)
@@ -245,22 +268,8 @@ int ecERPSS::ReadData(ecLabeledMatrix<float>& data, int first, int count)
                       "contact KVI for current status.",
                       1, 0, -1, -1);
     const long long n = PrepareBlock(data, first, count, "ecERPSS");
-    if (n == 0)
-        return 0;
-    auto record = std::upper_bound(m_records.begin(), m_records.end(), static_cast<long long>(first),
-                                   [](long long slice, const Record& r) { return slice < r.firstSlice; }) - 1;
-    for (long long done = 0; done < n; ++record) {
-        ReadRecord(static_cast<int>(record - m_records.begin()));
-        const long long from = first + done - record->firstSlice;
-        const long long take = std::min<long long>(n - done, record->samples - from);
-        for (int c = 0; c < m_iChannels; ++c) {
-            float* out = data[c] + done;
-            const int16_t* src = m_psBuff.data() + from * m_iChannels + c;
-            for (long long t = 0; t < take; ++t, src += m_iChannels)
-                out[t] = *src;
-        }
-        done += take;
-    }
+    if (!ReadRows(data, first, n))
+        Fail("ReadRecord", "Failed to read uncompressed data");
     return static_cast<int>(n);
 }
 

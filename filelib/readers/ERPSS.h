@@ -53,6 +53,8 @@ private:
         long long firstSlice;
     };
     uint16_t Word(const std::vector<uint8_t>& bytes, size_t at) const;
+    void DescribeLayout();
+    const uint8_t* DecodeSegment(long long segment) override;
     [[noreturn]] void Fail(const char* method, const std::string& text);
 
     std::vector<uint8_t> m_rawHeader;
