@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "filelib/ecBase.h"
+#include "companion/ObjectModel.h"
 
 float BitsToFloat(uint32_t bits)
 {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "filelib/ecBase.h"
+#include "companion/ObjectModel.h"
 
 template <typename T>
 class ecMatrix {

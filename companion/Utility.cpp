@@ -1,6 +1,6 @@
 #include "companion/Utility.h"
 
-#include "filelib/ecBase.h"
+#include "companion/ObjectModel.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "filelib/ecBase.h"
+#include "companion/ObjectModel.h"
 
 #include "companion/Xml.h"
 
