@@ -1,10 +1,12 @@
 // Events of a recording and the list that holds them.
 #pragma once
 
+#include "companion/Export.h"
+
 #include <string>
 #include <vector>
 
-class ecEvent {
+class FILELIB_API ecEvent {
 public:
     ecEvent() = default;
     virtual ~ecEvent() = default;
@@ -39,7 +41,7 @@ private:
     bool m_bSegmentBoundary = false;
 };
 
-class ecEventList {
+class FILELIB_API ecEventList {
 public:
     ecEventList() = default;
     virtual ~ecEventList() = default;
@@ -68,4 +70,4 @@ private:
 
 // Writes the events (segment boundaries excepted) in the layout ReadEventFile reads, names
 // quoted. False when the file cannot be written.
-bool WriteEventFile(const ecEventList& events, const char* path);
+FILELIB_API bool WriteEventFile(const ecEventList& events, const char* path);

@@ -1,6 +1,8 @@
 // Matrices and vectors: contiguous row-major storage, rows = channels, columns = slices.
 #pragma once
 
+#include "companion/Export.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <new>
@@ -10,7 +12,7 @@
 #include "companion/ObjectModel.h"
 
 template <typename T>
-class ecMatrix {
+class FILELIB_API ecMatrix {
 public:
     ecMatrix() = default;
     // The two further sizes and the flag are accepted for interface compatibility; the matrix
@@ -67,7 +69,7 @@ private:
 };
 
 template <typename T>
-class ecLabeledMatrix : public ecMatrix<T> {
+class FILELIB_API ecLabeledMatrix : public ecMatrix<T> {
 public:
     ecLabeledMatrix() = default;
     ecLabeledMatrix(long rows, long cols) : ecMatrix<T>(rows, cols) { m_rowStates.resize(rows > 0 ? rows : 0); }
@@ -156,7 +158,7 @@ private:
 };
 
 template <typename T>
-class ecVBase {
+class FILELIB_API ecVBase {
 public:
     // A null data pointer gives zeroed storage; otherwise the count elements are copied in.
     explicit ecVBase(long count = 0, long = 0, const T* data = nullptr)
@@ -177,7 +179,7 @@ private:
 };
 
 template <typename T>
-class ecVector : public ecVBase<T> {
+class FILELIB_API ecVector : public ecVBase<T> {
 public:
     using ecVBase<T>::ecVBase;
 };

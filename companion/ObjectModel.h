@@ -2,6 +2,8 @@
 // and ecError, the one exception type the library raises.
 #pragma once
 
+#include "companion/Export.h"
+
 #include <exception>
 #include <ostream>
 #include <string>
@@ -10,7 +12,7 @@ class ecXml;
 
 enum instanceType : long { itUnknown = 0 };
 
-class ecBase {
+class FILELIB_API ecBase {
 public:
     ecBase() = default;
     explicit ecBase(long instanceType) : m_lInstanceType(instanceType) {}
@@ -46,7 +48,7 @@ private:
     bool m_bDirtyFlag = false;
 };
 
-class ecLabeledState : public ecBase {
+class FILELIB_API ecLabeledState : public ecBase {
 public:
     ecLabeledState() = default;
     ecLabeledState(const ecLabeledState& other) : ecBase(other) { CopyLabel(other); }
@@ -79,7 +81,7 @@ private:
     bool m_bUseSIPrefix = false;
 };
 
-class ecError : public std::exception {
+class FILELIB_API ecError : public std::exception {
 public:
     ecError(const char* message, int kind, int code, int i1, int i2)
         : m_iCode(code), m_i1(i1), m_i2(i2), m_iKind(kind), m_sMessage(message ? message : "") {}

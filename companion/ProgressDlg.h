@@ -2,7 +2,9 @@
 // Every operation has a harmless default so callers override only what they show.
 #pragma once
 
-class ecProgressDlg {
+#include "companion/Export.h"
+
+class FILELIB_API ecProgressDlg {
 public:
     virtual ~ecProgressDlg() = default;
     virtual void SetRange(int low, int high);

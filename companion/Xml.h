@@ -3,6 +3,8 @@
 // Malformed input makes Read return false; nothing is ever read past the text.
 #pragma once
 
+#include "companion/Export.h"
+
 #include <map>
 #include <memory>
 #include <string>
@@ -14,7 +16,7 @@ struct ecXmlNode {
     std::vector<std::shared_ptr<ecXmlNode>> children;
 };
 
-class ecXml {
+class FILELIB_API ecXml {
 public:
     ecXml() = default;
 
@@ -62,7 +64,7 @@ private:
 };
 
 // Parses XML text into a tree; returns null on malformed input. Exposed for tests and fuzzing.
-std::shared_ptr<ecXmlNode> ParseXmlText(const std::string& text);
+FILELIB_API std::shared_ptr<ecXmlNode> ParseXmlText(const std::string& text);
 
 // Text made safe for element content and attribute values (the parser reads it back).
-std::string XmlEscaped(const std::string& text);
+FILELIB_API std::string XmlEscaped(const std::string& text);

@@ -19,6 +19,8 @@
 // '#' and blank lines are ignored.
 #pragma once
 
+#include "companion/Export.h"
+
 #include <ostream>
 #include <string>
 #include <vector>
@@ -27,7 +29,7 @@ class ecXml;
 
 enum ecCalMode { kCalFromFile = 0, kCalPeak = 1, kCalMean = 2 };
 
-class ecCalibration {
+class FILELIB_API ecCalibration {
 public:
     ecCalibration() = default;
 

@@ -1,6 +1,8 @@
 // Writing any recording in the generic format.
 #pragma once
 
+#include "companion/Export.h"
+
 #include <string>
 
 #include "filelib/filelib.h"
@@ -15,4 +17,4 @@
 // Reads and writes in blocks of 5000 slices; with a progress object, one step per block.
 // Returns the number of slices written, or -1 when the progress object cancelled (the partial
 // files are removed). Raises ecError when an output file cannot be written.
-int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDlg* progress);
+FILELIB_API int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDlg* progress);

@@ -18,6 +18,8 @@
 // Calibration factors, when given, then apply as value x factor + offset in float.
 #pragma once
 
+#include "companion/Export.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -25,7 +27,7 @@
 
 enum class ecSampleType : uint8_t { Int8, UInt8, Int16, UInt16, Int24, Int32, Float32, Float64 };
 
-int SampleWidth(ecSampleType type);
+FILELIB_API int SampleWidth(ecSampleType type);
 
 struct ecChannelLayout {
     long long offset = 0;   // bytes from the segment's data start to the channel's first sample
@@ -35,7 +37,7 @@ struct ecChannelLayout {
     double shift = 0;
 };
 
-struct ecDataLayout {
+struct FILELIB_API ecDataLayout {
     ecSampleType type = ecSampleType::Int16;
     bool bigEndian = false;
     bool exact = true;           // double arithmetic rounded once (see above)
@@ -68,7 +70,7 @@ struct ecReadOptions {
     std::function<const uint8_t*(long long segment)> decodeSegment;
 };
 
-class ecSampleEngine {
+class FILELIB_API ecSampleEngine {
 public:
     void SetLayout(ecDataLayout layout);
     const ecDataLayout& Layout() const { return m_layout; }

@@ -3,6 +3,8 @@
 // and the per-channel tables, with validated access.
 #pragma once
 
+#include "companion/Export.h"
+
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -17,7 +19,7 @@
 // A stdio handle shared by an object and its copies. Copies of a reader share their source's
 // open handles; the handle is closed once, when the last object holding it lets go. This keeps
 // the legacy FILE* accessors working while no copy can close a handle its source still uses.
-class ecSharedFile {
+class FILELIB_API ecSharedFile {
 public:
     ecSharedFile() = default;
     ecSharedFile(const ecSharedFile& other);
@@ -40,7 +42,7 @@ private:
     Block* m_block = nullptr;
 };
 
-class ecFilebase : public ecBase {
+class FILELIB_API ecFilebase : public ecBase {
 public:
     ecFilebase() = default;
     ecFilebase(const ecFilebase& other);

@@ -2,6 +2,8 @@
 // forwards every question to it.
 #pragma once
 
+#include "companion/Export.h"
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,7 +17,7 @@
 
 class CGeneric;
 
-class CFilelib {
+class FILELIB_API CFilelib {
 public:
     CFilelib() = default;
     // Copies share the active reader: it is deleted when the last facade holding it lets go,
