@@ -141,3 +141,24 @@ bool WriteEventFile(const ecEventList& events, const char* path)
     }
     return static_cast<bool>(out);
 }
+
+ecEvent MarkerEvent(long slice, const std::string& name, int code, long duration, int kind)
+{
+    ecEvent e;
+    e.SetEventName(name);
+    e.SetEventCode(code);
+    e.SetKind(kind);
+    e.SetBegin(slice);
+    e.SetEnd(slice + duration);
+    return e;
+}
+
+ecEvent SegmentBoundaryEvent(long slice, const std::string& name)
+{
+    ecEvent e;
+    e.SetBegin(slice);
+    e.SetSegmentBoundaryDefaults();
+    if (!name.empty())
+        e.SetEventName(name);
+    return e;
+}

@@ -70,4 +70,9 @@ private:
 
 // Writes the events (segment boundaries excepted) in the layout ReadEventFile reads, names
 // quoted. False when the file cannot be written.
+// Event builders of the readers: a marker at a slice (kind 2 is a stimulus), and a segment
+// boundary (named, or with the default name when `name` is empty).
+FILELIB_API ecEvent MarkerEvent(long slice, const std::string& name, int code, long duration = 0, int kind = 2);
+FILELIB_API ecEvent SegmentBoundaryEvent(long slice, const std::string& name = "");
+
 FILELIB_API bool WriteEventFile(const ecEventList& events, const char* path);

@@ -1,6 +1,7 @@
 #include "filelib/ecFilebase.h"
 
 #include <algorithm>
+#include <climits>
 #include <sstream>
 
 ecSharedFile::ecSharedFile(const ecSharedFile& other) : m_block(other.m_block)
@@ -264,6 +265,44 @@ long long ecFilebase::PrepareBlock(ecLabeledMatrix<float>& data, int first, int 
     data.resize(GetNumChans(), static_cast<long>(n), 0, 0);
     LabelRows(data);
     return n;
+}
+
+void ecFilebase::FailClosing(const std::string& where, const std::string& text)
+{
+    CloseInputFile();
+    throw ecError("[" + where + "] " + text, 1, 0, -1, -1);
+}
+
+void ecFilebase::SetContinuousTimeBase(double rate, long long slices)
+{
+    SetSampleRate(static_cast<float>(rate), 0);
+    SetNumSlices(static_cast<int>(std::min<long long>(slices, INT_MAX)));
+    SetRunType(kRunContinuous);
+    SetNumEpochs(1);
+    SetEpochSlices(GetNumSlices());
+    SetValidEpochCnt(1);
+}
+
+void ecFilebase::SetEpochTimeBase(double rate, long long epochSlices, long long epochs, double preStim, bool averaged)
+{
+    SetSampleRate(static_cast<float>(rate), 0);
+    SetNumSlices(static_cast<int>(std::min<long long>(epochSlices * epochs, INT_MAX)));
+    SetRunType(averaged && epochs == 1 ? kRunSingleEpoch : kRunMultiEpoch);
+    SetNumEpochs(static_cast<int>(epochs));
+    SetEpochSlices(static_cast<int>(epochSlices));
+    SetValidEpochCnt(static_cast<int>(epochs));
+    SetPreStim(static_cast<float>(preStim));
+}
+
+void ecFilebase::DescribeChannel(int chan, const std::string& name, int type, const std::string& unit, float scale,
+                                 float offset)
+{
+    std::string n = name, u = unit;
+    SetChanName(chan, n);
+    SetChanType(chan, type);
+    SetChanUnit(chan, u);
+    SetChanScale(chan, scale);
+    SetChanOffset(chan, offset);
 }
 
 bool ecFilebase::ReadRows(ecLabeledMatrix<float>& data, long long first, long long n, long column)

@@ -13,6 +13,7 @@
 #include "companion/Matrix.h"
 #include "companion/ProgressDlg.h"
 #include "filelib/Calibration.h"
+#include "filelib/Manufacturers.h"
 #include "filelib/SampleEngine.h"
 #include "filelib/ecBase.h"
 
@@ -160,6 +161,17 @@ protected:
     // Sizes and labels `data` for the part of [first, first + count) the recording holds and
     // returns its length; negative arguments raise "[<reader>::ReadData] Slices out of range.".
     long long PrepareBlock(ecLabeledMatrix<float>& data, int first, int count, const char* reader);
+    // Reader kit. Closes the input file and raises "[<reader>::<method>] <text>" (kind 1): the
+    // one way a reader gives up, so no failure leaves a handle open.
+    [[noreturn]] void FailClosing(const std::string& where, const std::string& text);
+    // The time base of a continuous recording (run type 4, one epoch of every slice).
+    void SetContinuousTimeBase(double rate, long long slices);
+    // The time base of `epochs` epochs of `epochSlices` slices each (run type 1 for one averaged
+    // epoch, else 2), with the time before each epoch's stimulus in seconds.
+    void SetEpochTimeBase(double rate, long long epochSlices, long long epochs, double preStim, bool averaged);
+    // A channel's name, type, unit, scale and offset at once.
+    void DescribeChannel(int chan, const std::string& name, int type, const std::string& unit, float scale = 1,
+                         float offset = 0);
     // The data path of readers that describe their layout to the engine.
     ecSampleEngine& Engine() { return m_engine; }
     // Converts slices [first, first + n) into columns [column, column + n) of every row of

@@ -19,11 +19,7 @@ int BytesOf(int version) { return version <= 3 ? 2 : version <= 5 ? 4 : 8; }
 
 EGI_Simple::EGI_Simple(const char* fileName) { SetInputFileName(fileName ? fileName : ""); }
 
-void EGI_Simple::Fail(const std::string& text)
-{
-    CloseInputFile();
-    throw ecError(("[EGI_Simple::Initialize] " + text).c_str(), 1, 0, -1, -1);
-}
+void EGI_Simple::Fail(const std::string& text) { FailClosing("EGI_Simple::Initialize", text); }
 
 void EGI_Simple::Initialize(int)
 {
@@ -96,19 +92,13 @@ void EGI_Simple::Initialize(int)
     if (slices > INT_MAX)
         Fail("The recording holds more than 2147483647 slices.");
 
-    for (int c = 0; c < m_eegChannels; ++c) {
-        std::string label = "E" + std::to_string(c + 1), volts = "V";
-        SetChanName(c, label);
-        SetChanUnit(c, volts);
-        SetChanScale(c, static_cast<float>(m_microvoltsPerUnit * 1e-6));
-    }
-    SetSampleRate(static_cast<float>(rate), 0);
-    SetNumSlices(static_cast<int>(slices));
+    for (int c = 0; c < m_eegChannels; ++c)
+        DescribeChannel(c, "E" + std::to_string(c + 1), kChanEEG, "V", static_cast<float>(m_microvoltsPerUnit * 1e-6));
+    if (Segmented(m_version))
+        SetEpochTimeBase(rate, m_segmentSamples, m_segments, 0, false);
+    else
+        SetContinuousTimeBase(rate, slices);
     DescribeLayout(slices);
-    SetRunType(Segmented(m_version) ? kRunMultiEpoch : kRunContinuous);
-    SetNumEpochs(static_cast<int>(m_segments));
-    SetEpochSlices(static_cast<int>(m_segmentSamples));
-    SetValidEpochCnt(static_cast<int>(m_segments));
 }
 
 long long EGI_Simple::SliceOffset(long long slice) const
@@ -155,12 +145,9 @@ int EGI_Simple::InitialEventList(ecEventList* events, ecProgressDlg*)
             uint8_t header[2];
             const long long at = SliceOffset(s * m_segmentSamples) - kSegmentHeaderBytes;
             const int category = ReadAt(GetInputFilePointer(), at, header, 2) == 2 ? static_cast<int16_t>(LoadU16BE(header)) : -1;
-            ecEvent boundary;
-            boundary.SetBegin(static_cast<long>(s * m_segmentSamples));
-            boundary.SetSegmentBoundaryDefaults();
-            if (category >= 1 && static_cast<size_t>(category) <= m_categories.size())
-                boundary.SetEventName(m_categories[static_cast<size_t>(category) - 1]);
-            events->AppendOneEvent(boundary);
+            const bool named = category >= 1 && static_cast<size_t>(category) <= m_categories.size();
+            events->AppendOneEvent(SegmentBoundaryEvent(static_cast<long>(s * m_segmentSamples),
+                                                        named ? m_categories[static_cast<size_t>(category) - 1] : ""));
             ++appended;
         }
     }
@@ -175,13 +162,7 @@ int EGI_Simple::InitialEventList(ecEventList* events, ecProgressDlg*)
                     continue;
                 std::string code;
                 GetChanName(m_eegChannels + e, code);
-                ecEvent event;
-                event.SetEventName(code);
-                event.SetEventCode(e + 1);
-                event.SetKind(2);
-                event.SetBegin(first + t);
-                event.SetEnd(first + t);
-                events->AppendOneEvent(event);
+                events->AppendOneEvent(MarkerEvent(first + t, code, e + 1));
                 ++appended;
             }
         }
