@@ -66,16 +66,25 @@ void WithDecoder(ecSampleType type, bool bigEndian, Apply apply)
 struct Conversion {
     double gain, shift;
     float gainF, shiftF, calFactor, calOffset;
-    bool exact, calibrated;
 
-    template <typename Decode>
-    float operator()(Decode decode, const uint8_t* p) const
+    template <bool Exact, bool Calibrated, typename Decode>
+    float Apply(Decode decode, const uint8_t* p) const
     {
-        const float v = exact ? static_cast<float>((decode(p) + shift) * gain)
+        const float v = Exact ? static_cast<float>((decode(p) + shift) * gain)
                               : (static_cast<float>(decode(p)) - shiftF) * gainF;
-        return calibrated ? v * calFactor + calOffset : v;
+        return Calibrated ? v * calFactor + calOffset : v;
     }
 };
+
+// One channel's run of samples [t0, t1) into out[t0 ..): the arithmetic is chosen outside the
+// loop so that the loop itself has no branch.
+template <bool Exact, bool Calibrated, typename Decode>
+void ConvertRun(Decode decode, const Conversion& conv, const uint8_t* p, long long stride, float* out, long long t0,
+                long long t1)
+{
+    for (long long t = t0; t < t1; ++t, p += stride)
+        out[t] = conv.Apply<Exact, Calibrated>(decode, p);
+}
 
 }  // namespace
 
@@ -193,23 +202,25 @@ void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long l
             const ecChannelLayout& ch = m_layout.channels[c];
             if (!target.rows[c])
                 continue;
-            const Conversion conv{ch.gain,
-                                  ch.shift,
-                                  static_cast<float>(ch.gain),
-                                  static_cast<float>(ch.shift),
-                                  calibrated ? target.calFactors[c] : 1.0f,
-                                  calibrated ? target.calOffsets[c] : 0.0f,
-                                  m_layout.exact,
-                                  calibrated};
+            const Conversion conv{ch.gain, ch.shift, static_cast<float>(ch.gain), static_cast<float>(ch.shift),
+                                  calibrated ? target.calFactors[c] : 1.0f, calibrated ? target.calOffsets[c] : 0.0f};
             float* out = target.rows[c] + target.done - a;
             if (ch.samples > 0) {
-                for (long long t = t0; t < t1; ++t)
-                    out[t] = conv(decode, base + (ch.offset + SampleAt(ch, t, segmentSlices) * ch.stride - lo));
-            } else {
-                const uint8_t* p = base + (ch.offset + t0 * ch.stride - lo);
-                for (long long t = t0; t < t1; ++t, p += ch.stride)
-                    out[t] = conv(decode, p);
+                // A slower channel: every slice looks up the sample it shows.
+                for (long long t = t0; t < t1; ++t) {
+                    const uint8_t* p = base + (ch.offset + SampleAt(ch, t, segmentSlices) * ch.stride - lo);
+                    out[t] = m_layout.exact ? (calibrated ? conv.Apply<true, true>(decode, p) : conv.Apply<true, false>(decode, p))
+                                            : (calibrated ? conv.Apply<false, true>(decode, p) : conv.Apply<false, false>(decode, p));
+                }
+                continue;
             }
+            const uint8_t* p = base + (ch.offset + t0 * ch.stride - lo);
+            if (m_layout.exact)
+                calibrated ? ConvertRun<true, true>(decode, conv, p, ch.stride, out, t0, t1)
+                           : ConvertRun<true, false>(decode, conv, p, ch.stride, out, t0, t1);
+            else
+                calibrated ? ConvertRun<false, true>(decode, conv, p, ch.stride, out, t0, t1)
+                           : ConvertRun<false, false>(decode, conv, p, ch.stride, out, t0, t1);
         }
     }
 }
