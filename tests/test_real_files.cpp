@@ -15,6 +15,7 @@
 
 #include "filelib/filelib.h"
 #include "fixtures/Json.h"
+#include "fixtures/SharedData.h"
 
 namespace {
 const std::string kData = std::string(FILELIB_SHARED_DATA) + "/";
@@ -125,8 +126,9 @@ const Json* PeerSamples(const Json& peer, const std::string& channel)
 
 TEST(RealFiles, ChannelsLengthAndFirstSamplesAgreeWithThePeers)
 {
+    SHARED_DATA_OR_SKIP(data, "");
     const std::vector<std::string> files = ExpectedFiles();
-    ASSERT_GE(files.size(), 17u) << "the recordings of " << kData << " are missing";
+    ASSERT_GE(files.size(), 17u) << "the recordings of " << data << " are missing";
     int compared = 0;
     for (const std::string& file : files) {
         SCOPED_TRACE(file);
@@ -197,6 +199,7 @@ std::vector<long> PeerOnsets(const Json& peer, const EventSource& source, size_t
 
 TEST(RealFiles, EventsAgreeWithThePeerOfTheSameConvention)
 {
+    SHARED_DATA_OR_SKIP(data, "");
     int files = 0;
     for (const std::string& file : ExpectedFiles()) {
         const std::string base = file.substr(file.find('/') + 1);
