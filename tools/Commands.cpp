@@ -7,11 +7,13 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <sys/stat.h>
 
 #include "Output.h"
 #include "filelib/GenericExport.h"
 #include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
+#include "filelib/readers/BrainVision.h"
 
 std::string RenderSvg(CFilelib& f, const std::string& title, long first, long count, const std::vector<int>& channels);
 
@@ -118,6 +120,46 @@ void PrintEvents(const ecEventList& events, bool json)
                     e.GetEnd(), e.GetKind());
     }
     std::printf("%d events\n", events.GetEventCnt(true));
+}
+
+// The files a recording is read from: the one named, the reader's own input (a generic pair is
+// named by either file), the side files readers look for beside it, a calibration file, and the
+// files a BrainVision header names.
+std::vector<std::string> SourceFiles(CFilelib& f, const std::string& path)
+{
+    ecFilebase* reader = f.GetActiveFile();
+    const std::string input = reader->GetInputFileName();
+    std::vector<std::string> files = {path, input, input + ".orva_hdr", input + ".evt", input + ".aux",
+                                      reader->GetCalibration().GetCalFile()};
+    if (const auto* bv = dynamic_cast<const BrainVision*>(reader)) {
+        files.push_back(bv->GetDataFileName());
+        files.push_back(bv->GetMarkerFileName());
+    }
+    return files;
+}
+
+bool SameFile(const struct stat& a, const std::string& path)
+{
+    struct stat b;
+    return !path.empty() && ::stat(path.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Refuses outputs that are the source or a file read with it (whatever their spelling: links,
+// "./" and ".." all lead to the same device and inode), and existing outputs without --force.
+void CheckConvertTargets(CFilelib& f, const Options& o)
+{
+    const std::vector<std::string> sources = SourceFiles(f, o.file);
+    for (const std::string& target : {o.out, o.out + ".orva_hdr", o.out + ".evt"}) {
+        struct stat st;
+        if (::stat(target.c_str(), &st) != 0)
+            continue;
+        for (const std::string& source : sources)
+            if (SameFile(st, source))
+                throw std::runtime_error("convert would overwrite " + target + ", which is " + source +
+                                         ", read for " + o.file + "; nothing written");
+        if (!o.force)
+            throw std::runtime_error(target + " exists; --force replaces it");
+    }
 }
 
 }  // namespace
@@ -254,6 +296,7 @@ int RunConvert(const Options& o)
 {
     CFilelib f;
     Open(f, o.file);
+    CheckConvertTargets(f, o);
     TerminalProgress progress("converting");
     const int written = WriteGenericCopy(f, o.out, &progress);
     if (written < 0) {
