@@ -41,13 +41,11 @@ std::vector<std::vector<int32_t>> Ramp(int slices, int channels, int32_t step)
     return out;
 }
 
-// The small files of every kind the data tests read; every value they store is non-zero.
-//  x16.cnt, w32.cnt: 4 slices of 16-bit, 2 of 32-bit samples, channels of distinct gains;
-//  cut.cnt: x16.cnt cut after two and a half slices;
-//  b.cnt: 9 slices in blocks of 3 (channel 0's run, then channel 1's), holding slice + 1 and its negative;
-//  s16.eeg, s32.eeg (room for one sweep more: 32-bit), cut.eeg (s16 cut in its second sweep): 2 sweeps
-//  of 3 points, point t of sweep s holding 10 s + t + 1 and its negative (x 100000 at 32-bit), types 11, 65000;
-//  x.avg, cut.avg (one byte short): 2 points with variance records, averaged over 4 and 0 sweeps.
+// Two-channel files of every kind, every stored value non-zero: x16.cnt (4 slices), cut.cnt (x16.cnt
+// cut in its third slice), w32.cnt (2 slices of 32-bit); b.cnt: 9 slices in blocks of 3, slice + 1
+// and its negative; s16.eeg, s32.eeg (room for one sweep more), cut.eeg (s16 cut in sweep 2): 2 sweeps
+// of 3 points, point t of sweep s holding 10 s + t + 1 and its negative (x 100000 at 32-bit), types
+// 11, 65000; x.avg, cut.avg (a byte short): 2 points with variance, averaged over 4 and 0 sweeps.
 void WriteKinds(const TempDir& dir)
 {
     NeuroscanSpec spec;
@@ -116,34 +114,32 @@ std::string AuxText(int bits)
 TEST(Neuroscan, HeaderChecksInTheirOrder)
 {
     TempDir dir;
-    CNeuroscan noName("");
-    EXPECT_EQ(Message([&] { noName.Initialize(0); }), "[CNeuroscan::Initialize] The time series name is not set.");
-    CNeuroscan missing(dir.path("none.cnt").c_str());
-    EXPECT_EQ(Message([&] { missing.Initialize(0); }), "[CNeuroscan::Initialize] Fail to open time series file.");
-
     const NeuroscanSpec spec;
     Bytes tooShort;
     tooShort.text("Version 3.0", 899, '\0');
     const std::string invalid = "[CNeuroscan::Initialize] Invalid header data: ";
     const struct {
-        const char* name;
-        Bytes bytes;
+        const char* name;  // "": no name given
+        Bytes bytes;       // empty: no file
         std::string message;  // followed by the file's name when named
         bool named, closed;
     } cases[] = {
+        {"", Bytes(), "[CNeuroscan::Initialize] The time series name is not set.", false, true},
+        {"none.cnt", Bytes(), "[CNeuroscan::Initialize] Fail to open time series file.", false, true},
         {"short.cnt", tooShort, "[CNeuroscan::Initialize] Not a NeuroScan file.", false, true},
         {"c0.avg", NeuroscanHeader(spec).put_u16le(370, 0), invalid, true, true},
         {"c1025.avg", NeuroscanHeader(spec).put_u16le(370, 1025), invalid, true, true},
         {"v.avg", NeuroscanHeader(spec).put_u8(7, '_'), invalid, true, true},
-        {"cut.avg", NeuroscanHeader(spec).head(950), "[CNeuroscan::Initialize] Fail to read the whole header: ", true,
-         true},
+        {"cut.avg", NeuroscanHeader(spec).head(950), "[CNeuroscan::Initialize] Fail to read the whole header: ", true, true},
         {"zero.avg", NeuroscanHeader(spec), "[CNeuroscan::Initialize] Number of slices in the time series file is 0.",
          false, false},
     };
     for (const auto& c : cases) {
-        c.bytes.write(dir.path(c.name));
-        CNeuroscan r(dir.path(c.name).c_str());
-        EXPECT_EQ(Message([&] { r.Initialize(0); }), c.message + (c.named ? dir.path(c.name) : ""));
+        const std::string path = *c.name ? dir.path(c.name) : "";
+        if (!c.bytes.data().empty())
+            c.bytes.write(path);
+        CNeuroscan r(path.c_str());
+        EXPECT_EQ(Message([&] { r.Initialize(0); }), c.message + (c.named ? path : ""));
         EXPECT_EQ(r.GetInputFilePointer() == nullptr, c.closed) << c.name;
     }
 }
@@ -158,21 +154,18 @@ TEST(Neuroscan, ChannelsReferenceMarksAndRunTypeFromExtension)
     spec.rate = 500;
     const Bytes file = NeuroscanHeader(spec).zeros(4 * (5 + 12));
     // Only the listed spellings count.
-    for (const auto& [name, runType] : std::vector<std::pair<std::string, unsigned>>{{"a.Eeg", 2}, {"a.CNT", 4}, {"a.eEg", 1}}) {
+    const std::pair<std::string, unsigned> runTypes[] = {{"a.Eeg", 2}, {"a.CNT", 4}, {"a.eEg", 1}, {"a.avg", 1}};
+    for (const auto& [name, runType] : runTypes) {
         file.write(dir.path(name));
         CNeuroscan r(dir.path(name).c_str());
         r.Initialize(0);
         EXPECT_EQ(r.GetRunType(), runType) << name;
     }
-    file.write(dir.path("a.avg"));
     CNeuroscan avg(dir.path("a.avg").c_str());
     avg.Initialize(0);
-    EXPECT_EQ(avg.GetFileMFR(), 4);
-    EXPECT_EQ(avg.GetRunType(), 1u);
-    EXPECT_EQ(avg.GetNumSlices(), 3);
-    EXPECT_EQ(avg.GetNumEpochs(), 7);
-    EXPECT_EQ(avg.GetEpochSlices(), 3);
-    EXPECT_EQ(avg.GetValidEpochCnt(), 7);
+    EXPECT_EQ((std::vector<int>{avg.GetFileMFR(), avg.GetNumSlices(), avg.GetNumEpochs(), avg.GetEpochSlices(),
+                                avg.GetValidEpochCnt()}),
+              (std::vector<int>{4, 3, 7, 3, 7}));
     EXPECT_FLOAT_EQ(avg.GetSampleRate(), 500.0f);
     EXPECT_FLOAT_EQ(avg.GetPreStim(), -0.1f);
     std::string name, unit;
@@ -348,15 +341,11 @@ TEST(Neuroscan, SweepEventsAndVarianceRecords)
         EXPECT_EQ(sweeps.GetEvent(1).GetBegin(), 3);
     }
 
-    CFilelib facade;
-    std::string name = dir.path("x.avg");
-    ASSERT_EQ(facade.GuessFileMFR(name), 4);
-    facade.Initialize(0);
-    EXPECT_TRUE(facade.DoesVarianceExist());
-    auto* reader = dynamic_cast<CNeuroscan*>(facade.GetActiveFile());
-    ASSERT_NE(reader, nullptr);
+    CNeuroscan reader(dir.path("x.avg").c_str());
+    reader.Initialize(0);
+    EXPECT_TRUE(reader.DoesVarianceExist());
     ecLabeledMatrix<float> avg, var;
-    reader->ReadAVGData(avg, var);
+    reader.ReadAVGData(avg, var);
     EXPECT_EQ(avg[1][0], 20.0f * 0.000001f);
     EXPECT_EQ(var[0][0], 30.0f * 0.000001f / 4);
     EXPECT_EQ(var[1][1], -8.0f * 0.000001f);
