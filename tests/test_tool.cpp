@@ -31,7 +31,7 @@ ToolRun Tool(const TempDir& dir, const std::string& args)
 
 // g.dat: a generic pair with an event file and a trigger channel TRIG holding 0, 0, 3, 3, 0, 0;
 // v.vhdr: a BrainVision set; x.eeg: a Neuroscan epoched header without its sweeps (it opens,
-// its data cannot be read).
+// its data cannot be read); a.avg: a Neuroscan average of 3 points.
 void WriteRecordings(const TempDir& dir)
 {
     GenericSpec spec;
@@ -51,6 +51,7 @@ void WriteRecordings(const TempDir& dir)
     eeg.points = 3;
     eeg.sweeps = 2;
     NeuroscanHeader(eeg).write(dir.path("x.eeg"));
+    NeuroscanHeader(eeg).zeros(2 * (5 + 3 * 4)).write(dir.path("a.avg"));
 }
 
 // Every file of `dir` but the program's captured output, with its content.
@@ -152,6 +153,8 @@ TEST(Tool, CommandLineRulesLeaveEveryFileAsItWasAndPlot)
         {"info notes.txt", 2, "notes.txt is not a recording filelib recognises. Supported formats: "},
         {"dump g.dat --channels Nope", 1, "no channel named \"Nope\"\n"},
         {"plot g.dat", 1, "plot needs --out FILE.svg"},
+        {"stats a.avg", 0, "\n3 slices read in "},  // asks for no more than the recording holds
+        {"dump a.avg --json", 0, "{\"first\": 0, \"count\": 3, "},
         {"triggers v.vhdr", 1, "v.vhdr has no trigger channel"},
         {"triggers g.dat --threshold 2 --json", 0, "{\"name\": \"1\", \"code\": 0, \"begin\": 2, \"end\": 2, \"kind\": 2}\n]"},
         {"triggers g.dat --words --mask 0x2 --json", 0, "{\"name\": \"2\", \"code\": 2, \"begin\": 2, \"end\": 2, \"kind\": 2}\n]"},

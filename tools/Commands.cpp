@@ -222,7 +222,9 @@ int RunDump(const Options& o)
     if (o.first < 0 || o.first > 0x7FFFFFFF || wanted > 0x7FFFFFFF)
         throw std::runtime_error("--first and --count must lie between 0 and 2147483647");
     ecLabeledMatrix<float> m;
-    const int n = std::max(0, f.ReadData(m, static_cast<int>(o.first), static_cast<int>(wanted)));
+    // Only what the recording holds is asked for: readers differ on ranges beyond the end.
+    const long held = std::clamp<long>(f.GetNumSlices() - o.first, 0, wanted);
+    const int n = std::max(0, f.ReadData(m, static_cast<int>(o.first), static_cast<int>(held)));
     const double rate = f.GetSampleRate();
     if (o.json) {
         std::cout << "{\"first\": " << o.first << ", \"count\": " << n << ", \"channels\": [";
@@ -265,7 +267,12 @@ int RunStats(const Options& o)
     ecLabeledMatrix<float> m;
     long total = 0;
     const auto start = std::chrono::steady_clock::now();
-    for (int n; total < f.GetNumSlices() && (n = f.ReadData(m, static_cast<int>(total), kBlock)) > 0; total += n) {
+    while (total < f.GetNumSlices()) {
+        // Only what the recording holds is asked for: readers differ on ranges beyond the end.
+        const int want = static_cast<int>(std::min<long>(kBlock, f.GetNumSlices() - total));
+        const int n = f.ReadData(m, static_cast<int>(total), want);
+        if (n < 1)
+            break;
         for (int c = 0; c < chans && c < m.nrow(); ++c) {
             const float* row = m[c];
             for (int s = 0; s < n; ++s) {
@@ -275,9 +282,10 @@ int RunStats(const Options& o)
                 sq[c] += static_cast<double>(row[s]) * row[s];
             }
         }
+        total += n;
         progress.StepIt();
         if (progress.CheckCancelButton()) {
-            std::fprintf(stderr, "cancelled after %ld slices\n", total + n);
+            std::fprintf(stderr, "cancelled after %ld slices\n", total);
             return 130;
         }
     }

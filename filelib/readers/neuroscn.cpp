@@ -526,6 +526,10 @@ int CNeuroscan::ReadEpochRange(ecLabeledMatrix<float>& data, int first, int coun
 {
     // Every epoch the range touches is read: a range past the last epoch is refused by
     // ReadEEGData, not padded.
+    if (m_iPoints <= 0) {  // a header that failed its checks holds no epoch
+        data.zero();
+        return 0;
+    }
     ecLabeledMatrix<float> epoch;
     for (long long done = 0; done < count;) {
         const long long slice = first + done;
