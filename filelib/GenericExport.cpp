@@ -1,6 +1,7 @@
 #include "filelib/GenericExport.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -22,12 +23,53 @@ struct FileCloser {
     throw ecError("[WriteGenericCopy] " + what);
 }
 
-void RemoveOutputs(const std::string& dataFile)
-{
-    std::remove(dataFile.c_str());
-    std::remove((dataFile + ".orva_hdr").c_str());
-    std::remove((dataFile + ".evt").c_str());
-}
+// Output files written under temporary names beside their targets and renamed into place only
+// when all are complete: a failure or a cancel leaves the targets as they were. A temporary name
+// is claimed by creating the file exclusively, so no existing file is ever touched.
+class StagedFiles {
+public:
+    explicit StagedFiles(const std::vector<std::string>& targets) : m_targets(targets)
+    {
+        for (const std::string& target : m_targets)
+            m_temps.push_back(Claim(target));
+    }
+    ~StagedFiles()
+    {
+        for (const std::string& temp : m_temps)
+            std::remove(temp.c_str());
+    }
+    StagedFiles(const StagedFiles&) = delete;
+    StagedFiles& operator=(const StagedFiles&) = delete;
+
+    const std::string& Temp(size_t i) const { return m_temps[i]; }
+    // Renames the files into place, the header last (the pair is a recording only once it exists).
+    void Commit()
+    {
+        for (size_t i = 0; i < m_targets.size(); ++i) {
+            if (std::rename(m_temps[i].c_str(), m_targets[i].c_str()) != 0)
+                ExportError("Cannot replace " + m_targets[i]);
+            m_temps[i].clear();
+        }
+    }
+
+private:
+    static std::string Claim(const std::string& target)
+    {
+        for (int i = 0; i < 100; ++i) {
+            const std::string name = target + ".part" + (i ? std::to_string(i) : "");
+            if (FILE* fp = std::fopen(name.c_str(), "wbx")) {
+                std::fclose(fp);
+                return name;
+            }
+            if (errno != EEXIST)
+                break;
+        }
+        ExportError("Cannot create a temporary file beside " + target);
+    }
+
+    std::vector<std::string> m_targets;
+    std::vector<std::string> m_temps;
+};
 
 void CopyMetadata(CFilelib& source, CGeneric& target, int channels)
 {
@@ -99,30 +141,29 @@ int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDl
     const int channels = source.GetNumChans();
     CGeneric target(dataFile.c_str());
     CopyMetadata(source, target, channels);
+    StagedFiles staged({dataFile, dataFile + ".evt", target.GetHeaderFileName()});
 
     int written = 0;
-    bool completed = false;
     {
-        std::unique_ptr<FILE, FileCloser> out(std::fopen(dataFile.c_str(), "wb"));
+        std::unique_ptr<FILE, FileCloser> out(std::fopen(staged.Temp(0).c_str(), "wb"));
         if (!out)
-            ExportError("Cannot create " + dataFile);
-        completed = WriteSamples(source, out.get(), channels, written, progress);
+            ExportError("Cannot create " + staged.Temp(0));
+        if (!WriteSamples(source, out.get(), channels, written, progress))
+            return -1;
         if (std::fflush(out.get()) != 0)
             ExportError("Cannot write the samples.");
-    }
-    if (!completed) {
-        RemoveOutputs(dataFile);
-        return -1;
     }
     target.SetNumSlices(written);
 
     ecEventList events;
     source.InitialEventList(&events, nullptr);
-    if (!WriteEventFile(events, (dataFile + ".evt").c_str()))
+    if (!WriteEventFile(events, staged.Temp(1).c_str()))
         ExportError("Cannot write " + dataFile + ".evt");
-    std::ofstream header(target.GetHeaderFileName(), std::ios::binary | std::ios::trunc);
+    std::ofstream header(staged.Temp(2), std::ios::binary | std::ios::trunc);
     target.WriteHeaderText(header, true);
+    header.close();
     if (!header)
         ExportError("Cannot write " + target.GetHeaderFileName());
+    staged.Commit();
     return written;
 }

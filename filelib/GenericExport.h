@@ -15,6 +15,8 @@
 //    with NumEpochs and EpochSlices added so that multi-epoch runs keep their epochs;
 //  - dataFile.evt: the events (segment boundaries are rebuilt from the epochs on reading).
 // Reads and writes in blocks of 5000 slices; with a progress object, one step per block.
-// Returns the number of slices written, or -1 when the progress object cancelled (the partial
-// files are removed). Raises ecError when an output file cannot be written.
+// The files are written under temporary names beside their targets (target.part) and renamed
+// into place only when all three are complete, so a cancel or an error leaves existing files
+// as they were. Returns the number of slices written, or -1 when the progress object cancelled.
+// Raises ecError when an output file cannot be written (or a read of the source fails).
 FILELIB_API int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDlg* progress);

@@ -7,11 +7,13 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <sys/stat.h>
 
 #include "Output.h"
 #include "filelib/GenericExport.h"
 #include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
+#include "filelib/readers/BrainVision.h"
 
 std::string RenderSvg(CFilelib& f, const std::string& title, long first, long count, const std::vector<int>& channels);
 
@@ -120,6 +122,46 @@ void PrintEvents(const ecEventList& events, bool json)
     std::printf("%d events\n", events.GetEventCnt(true));
 }
 
+// The files a recording is read from: the one named, the reader's own input (a generic pair is
+// named by either file), the side files readers look for beside it, a calibration file, and the
+// files a BrainVision header names.
+std::vector<std::string> SourceFiles(CFilelib& f, const std::string& path)
+{
+    ecFilebase* reader = f.GetActiveFile();
+    const std::string input = reader->GetInputFileName();
+    std::vector<std::string> files = {path, input, input + ".orva_hdr", input + ".evt", input + ".aux",
+                                      reader->GetCalibration().GetCalFile()};
+    if (const auto* bv = dynamic_cast<const BrainVision*>(reader)) {
+        files.push_back(bv->GetDataFileName());
+        files.push_back(bv->GetMarkerFileName());
+    }
+    return files;
+}
+
+bool SameFile(const struct stat& a, const std::string& path)
+{
+    struct stat b;
+    return !path.empty() && ::stat(path.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Refuses outputs that are the source or a file read with it (whatever their spelling: links,
+// "./" and ".." all lead to the same device and inode), and existing outputs without --force.
+void CheckConvertTargets(CFilelib& f, const Options& o)
+{
+    const std::vector<std::string> sources = SourceFiles(f, o.file);
+    for (const std::string& target : {o.out, o.out + ".orva_hdr", o.out + ".evt"}) {
+        struct stat st;
+        if (::stat(target.c_str(), &st) != 0)
+            continue;
+        for (const std::string& source : sources)
+            if (SameFile(st, source))
+                throw std::runtime_error("convert would overwrite " + target + ", which is " + source +
+                                         ", read for " + o.file + "; nothing written");
+        if (!o.force)
+            throw std::runtime_error(target + " exists; --force replaces it");
+    }
+}
+
 }  // namespace
 
 int RunInfo(const Options& o)
@@ -180,7 +222,9 @@ int RunDump(const Options& o)
     if (o.first < 0 || o.first > 0x7FFFFFFF || wanted > 0x7FFFFFFF)
         throw std::runtime_error("--first and --count must lie between 0 and 2147483647");
     ecLabeledMatrix<float> m;
-    const int n = std::max(0, f.ReadData(m, static_cast<int>(o.first), static_cast<int>(wanted)));
+    // Only what the recording holds is asked for: readers differ on ranges beyond the end.
+    const long held = std::clamp<long>(f.GetNumSlices() - o.first, 0, wanted);
+    const int n = std::max(0, f.ReadData(m, static_cast<int>(o.first), static_cast<int>(held)));
     const double rate = f.GetSampleRate();
     if (o.json) {
         std::cout << "{\"first\": " << o.first << ", \"count\": " << n << ", \"channels\": [";
@@ -223,7 +267,12 @@ int RunStats(const Options& o)
     ecLabeledMatrix<float> m;
     long total = 0;
     const auto start = std::chrono::steady_clock::now();
-    for (int n; total < f.GetNumSlices() && (n = f.ReadData(m, static_cast<int>(total), kBlock)) > 0; total += n) {
+    while (total < f.GetNumSlices()) {
+        // Only what the recording holds is asked for: readers differ on ranges beyond the end.
+        const int want = static_cast<int>(std::min<long>(kBlock, f.GetNumSlices() - total));
+        const int n = f.ReadData(m, static_cast<int>(total), want);
+        if (n < 1)
+            break;
         for (int c = 0; c < chans && c < m.nrow(); ++c) {
             const float* row = m[c];
             for (int s = 0; s < n; ++s) {
@@ -233,9 +282,10 @@ int RunStats(const Options& o)
                 sq[c] += static_cast<double>(row[s]) * row[s];
             }
         }
+        total += n;
         progress.StepIt();
         if (progress.CheckCancelButton()) {
-            std::fprintf(stderr, "cancelled after %ld slices\n", total + n);
+            std::fprintf(stderr, "cancelled after %ld slices\n", total);
             return 130;
         }
     }
@@ -254,6 +304,7 @@ int RunConvert(const Options& o)
 {
     CFilelib f;
     Open(f, o.file);
+    CheckConvertTargets(f, o);
     TerminalProgress progress("converting");
     const int written = WriteGenericCopy(f, o.out, &progress);
     if (written < 0) {

@@ -15,6 +15,7 @@ struct Options {
     bool csv = false;
     bool digital = false;
     bool words = false;
+    bool force = false;  // convert: replace existing outputs
     double threshold = 0.5;
     int deadTime = 0;
     long mask = -1;

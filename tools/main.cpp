@@ -1,4 +1,6 @@
 // filelib: read any supported recording from the command line.
+#include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -11,6 +13,8 @@
 
 namespace {
 
+// The usage line is also the table of what a command takes: every "--option" it shows, and
+// nothing else, is accepted.
 struct Command {
     int (*run)(const Options&);
     const char* usage;
@@ -30,15 +34,18 @@ const std::map<std::string, Command>& Commands()
         {"stats", {RunStats, "filelib stats FILE",
                    "Reads the whole recording block by block: per-channel min, max, mean, rms and the reading speed.",
                    false}},
-        {"convert", {RunConvert, "filelib convert FILE OUT",
+        {"convert", {RunConvert, "filelib convert FILE OUT [--force]",
                      "Writes OUT (raw 32-bit floats, slice after slice), OUT.orva_hdr (generic header) and OUT.evt "
-                     "(events); the copy reads back through filelib with the same metadata and samples.",
+                     "(events); the copy reads back through filelib with the same metadata and samples. The files "
+                     "appear only once complete; existing ones are replaced only with --force, and never FILE or "
+                     "the files read with it.",
                      true}},
         {"triggers", {RunTriggers,
                       "filelib triggers FILE [--threshold X] [--dead-time N] [--digital] [--words [--mask M]] [--json]",
                       "Events found on trigger channels by threshold crossing (default threshold 0.5). --digital: a "
                       "crossing counts only from an exact zero; --words: every change of the integer trigger word "
-                      "(masked with M) to a non-zero value; --dead-time: slices skipped after each event.",
+                      "(masked with M, decimal or 0x hexadecimal) to a non-zero value; --dead-time: slices skipped "
+                      "after each event.",
                       false}},
         {"plot", {RunPlot, "filelib plot FILE --out FILE.svg [--first N] [--count N] [--channels a,b]",
                   "An SVG of stacked traces with channel names, a time axis in seconds and event markers (10 s unless "
@@ -57,13 +64,28 @@ void ProgramHelp(std::ostream& out)
         << "Supported formats: " << SupportedFormatsText() << ".\n";
 }
 
+// A whole number in decimal, or in hexadecimal after "0x".
 long Number(const std::string& option, const char* text)
 {
+    const char* digits = text + (*text == '-' || *text == '+');
+    const bool hex = digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X');
     char* stop = nullptr;
-    const long v = std::strtol(text, &stop, 10);
-    if (!*text || *stop)
+    errno = 0;
+    const long v = std::strtol(text, &stop, hex ? 16 : 10);
+    if (!*text || *stop || errno == ERANGE || std::isspace(static_cast<unsigned char>(*text)))
         throw std::runtime_error(option + " needs a whole number, not \"" + text + "\"");
     return v;
+}
+
+bool Takes(const Command& cmd, const std::string& option)
+{
+    const std::string usage = cmd.usage;
+    for (size_t at = usage.find(option); at != std::string::npos; at = usage.find(option, at + 1)) {
+        const char next = usage[at + option.size()];
+        if (!std::isalnum(static_cast<unsigned char>(next)) && next != '-')
+            return true;
+    }
+    return false;
 }
 
 std::vector<std::string> SplitCommas(const std::string& s)
@@ -76,46 +98,63 @@ std::vector<std::string> SplitCommas(const std::string& s)
     return out;
 }
 
+double Real(const std::string& option, const char* text)
+{
+    char* stop = nullptr;
+    const double v = std::strtod(text, &stop);
+    if (!*text || *stop)
+        throw std::runtime_error(option + " needs a number, not \"" + text + "\"");
+    return v;
+}
+
+// Stores option `a`; value() hands out its argument.
+template <typename Value>
+void SetOption(Options& o, const std::string& a, Value value)
+{
+    if (a == "--json") o.json = true;
+    else if (a == "--force") o.force = true;
+    else if (a == "--csv") o.csv = true;
+    else if (a == "--digital") o.digital = true;
+    else if (a == "--words") o.words = true;
+    else if (a == "--first") o.first = Number(a, value());
+    else if (a == "--count") o.count = Number(a, value());
+    else if (a == "--dead-time") o.deadTime = static_cast<int>(Number(a, value()));
+    else if (a == "--mask") o.mask = Number(a, value());
+    else if (a == "--channels") o.channels = SplitCommas(value());
+    else if (a == "--out") o.out = value();
+    else if (a == "--threshold") o.threshold = Real(a, value());
+}
+
 Options Parse(const std::string& command, int argc, char** argv)
 {
+    const Command& cmd = Commands().at(command);
     Options o;
     std::vector<std::string> positional;
+    bool maskGiven = false;
     for (int i = 2; i < argc; ++i) {
         const std::string a = argv[i];
-        auto value = [&]() -> const char* {
+        if (a.size() < 2 || a[0] != '-') {
+            positional.push_back(a);
+            continue;
+        }
+        if (!Takes(cmd, a))
+            throw std::runtime_error(command + " does not take " + a + "; usage: " + cmd.usage);
+        maskGiven = maskGiven || a == "--mask";
+        SetOption(o, a, [&]() -> const char* {
             if (i + 1 >= argc)
                 throw std::runtime_error(a + " needs a value");
             return argv[++i];
-        };
-        if (a == "--json") o.json = true;
-        else if (a == "--csv") o.csv = true;
-        else if (a == "--digital") o.digital = true;
-        else if (a == "--words") o.words = true;
-        else if (a == "--first") o.first = Number(a, value());
-        else if (a == "--count") o.count = Number(a, value());
-        else if (a == "--dead-time") o.deadTime = static_cast<int>(Number(a, value()));
-        else if (a == "--mask") o.mask = Number(a, value());
-        else if (a == "--channels") o.channels = SplitCommas(value());
-        else if (a == "--out") o.out = value();
-        else if (a == "--threshold") {
-            const char* text = value();
-            char* stop = nullptr;
-            o.threshold = std::strtod(text, &stop);
-            if (!*text || *stop)
-                throw std::runtime_error("--threshold needs a number, not \"" + std::string(text) + "\"");
-        } else if (a.size() > 1 && a[0] == '-')
-            throw std::runtime_error("unknown option " + a + " for " + command);
-        else
-            positional.push_back(a);
+        });
     }
-    const bool needsOut = Commands().at(command).needsOut;
-    if (positional.size() != (needsOut ? 2u : 1u))
-        throw std::runtime_error(std::string("usage: ") + Commands().at(command).usage);
+    if (positional.size() != (cmd.needsOut ? 2u : 1u))
+        throw std::runtime_error(std::string("usage: ") + cmd.usage);
     o.file = positional[0];
-    if (needsOut)
+    if (cmd.needsOut)
         o.out = positional[1];
     if (command == "plot" && o.out.empty())
         throw std::runtime_error("plot needs --out FILE.svg");
+    if (maskGiven && !o.words)
+        throw std::runtime_error("--mask applies to --words only");
     return o;
 }
 

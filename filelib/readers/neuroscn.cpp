@@ -384,19 +384,27 @@ int CNeuroscan::InitialEventList(ecEventList* events, ecProgressDlg*)
 
 int CNeuroscan::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
-    if (first < 0 || count < 0)
-        Fail("[CNeuroscan::ReadCNTData]: Slices out of range error.");
-    const int n = static_cast<int>(std::clamp<long long>(static_cast<long long>(GetNumSlices()) - first, 0, count));
     int read = 0;
     if (GetRunType() == kRunSingleEpoch)
-        read = n > 0 ? ReadAVGData(data, first, n) : 0;
+        read = ReadAVGData(data, first, count);
     else if (GetRunType() == kRunContinuous && m_nBytes == 4)
-        read = ReadCNTData2(data, first, n);
+        read = ReadCNTData2(data, first, count);
     else
-        read = ReadCNTData(data, first, n);
-    data.resize(GetNumChans(), n, 0, 0);
+        read = ReadCNTData(data, first, count);
     LabelRows(data);
     return read;
+}
+
+int CNeuroscan::SizeBlock(ecLabeledMatrix<float>& data, int first, int count, const std::string& who)
+{
+    if (first < 0 || count < 0)
+        Fail(who + "Slices out of range error.");
+    try {
+        data.resize(m_iChannels, count, 0, 0);
+    } catch (const std::bad_alloc&) {
+        Fail(who + "Out of memory.");
+    }
+    return static_cast<int>(std::clamp<long long>(static_cast<long long>(GetNumSlices()) - first, 0, count));
 }
 
 void CNeuroscan::SetContinuousFactors()
@@ -414,49 +422,61 @@ void CNeuroscan::SetContinuousFactors()
 
 int CNeuroscan::ReadCNTData(ecLabeledMatrix<float>& data, int first, int count)
 {
+    const char* who = "[CNeuroscan::ReadCNTData]: ";
+    const int inside = SizeBlock(data, first, count, who);
     if (GetRunType() == kRunMultiEpoch)
         return ReadEpochRange(data, first, count);
     if (m_iContinuousType == 3)
-        return ReadBlocked(data, first, count);
-    return ReadMultiplexed(data, first, count, 2, "[CNeuroscan::ReadCNTData]: ");
+        return ReadBlocked(data, first, inside);
+    return ReadMultiplexed(data, first, inside, 2, who);
 }
 
 int CNeuroscan::ReadCNTData2(ecLabeledMatrix<float>& data, int first, int count)
 {
-    return ReadMultiplexed(data, first, count, 4, "[CNeuroscan::ReadCNTData2]: ");
+    const char* who = "[CNeuroscan::ReadCNTData2]: ";
+    return ReadMultiplexed(data, first, SizeBlock(data, first, count, who), 4, who);
 }
 
 int CNeuroscan::ReadMultiplexed(ecLabeledMatrix<float>& data, int first, int count, int width, const char* who)
 {
-    data.resize(m_iChannels, count, 0, 0);
-    if (count <= 0)
-        return 0;
-    const size_t sliceBytes = static_cast<size_t>(m_iChannels) * width;
-    FILE* fp = GetInputFilePointer();
-    if (!SeekTo(fp, m_iHeaderSize + static_cast<long long>(first) * static_cast<long long>(sliceBytes)))
-        Fail(std::string(who) + "Error in seeking CNT data.");
-    m_raw.resize(sliceBytes * count);
-    const size_t got = std::fread(m_raw.data(), 1, m_raw.size(), fp);
-    if (got < m_raw.size() && std::ferror(fp))
-        Fail(std::string(who) + "Error in reading CNT data.");
-    const int slices = static_cast<int>(got / sliceBytes);
-    std::vector<float*> rows(static_cast<size_t>(m_iChannels));
-    for (int c = 0; c < m_iChannels; ++c) {
-        rows[static_cast<size_t>(c)] = data[c];
-        std::fill(data[c] + slices, data[c] + count, 0.0f);  // what the file does not hold
+    int slices = 0;
+    if (count > 0) {
+        const long long sliceBytes = static_cast<long long>(m_iChannels) * width;
+        const long long start = m_iHeaderSize + first * sliceBytes;
+        // A truncated file holds fewer slices than its header promises: no buffer beyond its end.
+        const long long held = std::clamp<long long>((m_fileSize - start) / sliceBytes, 0, count);
+        FILE* fp = GetInputFilePointer();
+        if (!SeekTo(fp, start))
+            Fail(std::string(who) + "Error in seeking CNT data.");
+        m_raw.resize(static_cast<size_t>(held * sliceBytes));
+        const size_t got = std::fread(m_raw.data(), 1, m_raw.size(), fp);
+        if (got < m_raw.size() && std::ferror(fp))
+            Fail(std::string(who) + "Error in reading CNT data.");
+        slices = static_cast<int>(static_cast<long long>(got) / sliceBytes);
+        DeinterleaveSlices(data, slices, width);
     }
-    if (width == 2)
-        Deinterleave(m_raw.data(), static_cast<size_t>(slices), static_cast<size_t>(m_iChannels), 2, sliceBytes,
-                     rows.data(), m_baselines.data(), m_factors.data(), Int16At);
-    else
-        Deinterleave(m_raw.data(), static_cast<size_t>(slices), static_cast<size_t>(m_iChannels), 4, sliceBytes,
-                     rows.data(), m_baselines.data(), m_factors.data(), Int32At);
+    for (int c = 0; c < m_iChannels; ++c)
+        std::fill(data[c] + slices, data[c] + data.ncol(), 0.0f);  // what the file or the recording does not hold
     return slices;
+}
+
+void CNeuroscan::DeinterleaveSlices(ecLabeledMatrix<float>& data, int slices, int width)
+{
+    const size_t channels = static_cast<size_t>(m_iChannels);
+    std::vector<float*> rows(channels);
+    for (size_t c = 0; c < channels; ++c)
+        rows[c] = data[static_cast<long>(c)];
+    const size_t sliceBytes = channels * static_cast<size_t>(width);
+    if (width == 2)
+        Deinterleave(m_raw.data(), static_cast<size_t>(slices), channels, 2, sliceBytes, rows.data(),
+                     m_baselines.data(), m_factors.data(), Int16At);
+    else
+        Deinterleave(m_raw.data(), static_cast<size_t>(slices), channels, 4, sliceBytes, rows.data(),
+                     m_baselines.data(), m_factors.data(), Int32At);
 }
 
 int CNeuroscan::ReadBlocked(ecLabeledMatrix<float>& data, int first, int count)
 {
-    data.resize(m_iChannels, count, 0, 0);
     data.zero();
     if (count <= 0)
         return 0;
@@ -504,13 +524,16 @@ int CNeuroscan::ReadBlocked(ecLabeledMatrix<float>& data, int first, int count)
 
 int CNeuroscan::ReadEpochRange(ecLabeledMatrix<float>& data, int first, int count)
 {
-    data.resize(m_iChannels, count, 0, 0);
-    if (count <= 0 || m_iPoints <= 0)
+    // Every epoch the range touches is read: a range past the last epoch is refused by
+    // ReadEEGData, not padded.
+    if (m_iPoints <= 0) {  // a header that failed its checks holds no epoch
+        data.zero();
         return 0;
+    }
     ecLabeledMatrix<float> epoch;
     for (long long done = 0; done < count;) {
         const long long slice = first + done;
-        const int e = static_cast<int>(slice / m_iPoints);
+        const int e = static_cast<int>(std::min<long long>(slice / m_iPoints, INT_MAX));
         const long long t0 = slice % m_iPoints;
         const long long take = std::min<long long>(count - done, m_iPoints - t0);
         ReadEEGData(epoch, e);
@@ -574,7 +597,7 @@ void CNeuroscan::ReadAvgRecords(ecLabeledMatrix<float>& data, long long firstRec
 
 int CNeuroscan::ReadAVGData(ecLabeledMatrix<float>& data, int first, int count)
 {
-    if (first < 0 || static_cast<long long>(first) + count > m_iPoints)
+    if (first < 0 || count < 0 || static_cast<long long>(first) + count > m_iPoints)
         Fail("[CNeuroscan::ReadAVGData]: Slices out of range error.");
     data.resize(m_iChannels, count, 0, 0);
     ReadAvgRecords(data, 0, first, count, "[CNeuroscan::ReadAVGData]: Error in seeking avg data.",

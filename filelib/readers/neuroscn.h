@@ -4,9 +4,11 @@
 // event table and, last, the roughness of the signal, and records its decision in the side
 // file so that a user can correct it.
 //
-// ReadData delivers the slices that lie inside the recording (a request running past the end
-// is cut there); continuous slices that cannot be read from a truncated file are 0 and are not
-// counted in the result.
+// ReadData sizes the block to the request (channels x count). Continuous files: slices past the
+// recording's end or missing from a truncated file are 0, and the result counts the slices
+// actually read. Epoched files: every epoch the range touches must exist ("Epoch number is out
+// of range." otherwise). Averages: the range must lie within the points ("[CNeuroscan::ReadAVGData]:
+// Slices out of range error." otherwise).
 #pragma once
 
 #include <cstdint>
@@ -48,7 +50,12 @@ private:
     double Roughness(int slices, int width);
     int ReadCNTData(ecLabeledMatrix<float>& data, int first, int count);
     int ReadCNTData2(ecLabeledMatrix<float>& data, int first, int count);
+    // Checks the range and sizes data to channels x count; returns how many of the slices lie
+    // inside the recording.
+    int SizeBlock(ecLabeledMatrix<float>& data, int first, int count, const std::string& who);
+    // ReadMultiplexed and ReadBlocked fill the first `count` columns from the file and zero the rest.
     int ReadMultiplexed(ecLabeledMatrix<float>& data, int first, int count, int width, const char* who);
+    void DeinterleaveSlices(ecLabeledMatrix<float>& data, int slices, int width);
     int ReadBlocked(ecLabeledMatrix<float>& data, int first, int count);
     int ReadEpochRange(ecLabeledMatrix<float>& data, int first, int count);
     void ReadEEGData(ecLabeledMatrix<float>& data, int epoch);
