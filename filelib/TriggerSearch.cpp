@@ -61,8 +61,10 @@ void ecFilebase::ScanBlocks(int start, ecProgressDlg* progress, OnBlock onBlock)
     // One block of all channels, never wider than the recording itself.
     ecLabeledMatrix<float> block;
     block.resize(GetNumChans(), std::clamp(GetNumSlices() - start, 1, kTriggerBlock), 0, 0);
-    for (long first = start; first <= INT_MAX - kTriggerBlock; first += kTriggerBlock) {
-        const int n = ReadData(block, static_cast<int>(first), kTriggerBlock);
+    // Never a request past the end: some formats answer one with an error, not a short block.
+    for (long first = start; first < GetNumSlices(); first += kTriggerBlock) {
+        const int want = static_cast<int>(std::min<long>(kTriggerBlock, GetNumSlices() - first));
+        const int n = ReadData(block, static_cast<int>(first), want);
         if (n < 1 || !onBlock(block, first, std::min<long>(n, block.ncol())))
             return;
         if (progress) {

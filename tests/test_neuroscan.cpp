@@ -349,6 +349,10 @@ TEST(Neuroscan, SweepEventsAndVarianceRecords)
     EXPECT_EQ(avg[1][0], 20.0f * 0.000001f);
     EXPECT_EQ(var[0][0], 30.0f * 0.000001f / 4);
     EXPECT_EQ(var[1][1], -8.0f * 0.000001f);
+    // The trigger search never asks an average for slices past its end (which is an error there).
+    reader.SetChanType(0, kChanTrigger);
+    ecEventList found;
+    EXPECT_EQ(reader.FindAllTriggers(&found, 0, 1e-6f, 0, false, nullptr), 0);
     CNeuroscan truncated(dir.path("cut.avg").c_str());
     truncated.Initialize(0);
     EXPECT_EQ(Message([&] { truncated.ReadAVGData(avg, var); }), " ORVA Error: Out of range error.");
