@@ -148,6 +148,7 @@ TEST(Tool, CommandLineRulesLeaveEveryFileAsItWasAndPlot)
     } cases[] = {
         {"--help", 0, "Usage:\n  filelib convert FILE OUT [--force]\n"},
         {"dump --help", 0, "Usage: filelib dump FILE"},
+        {"--version", 0, "filelib " FILELIB_VERSION "\n"},
         {"frobnicate x", 1, "unknown command \"frobnicate\""},
         {"info nothing.cnt", 1, "cannot open nothing.cnt"},
         {"info notes.txt", 2, "notes.txt is not a recording filelib recognises. Supported formats: "},

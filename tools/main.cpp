@@ -60,6 +60,7 @@ void ProgramHelp(std::ostream& out)
     out << "filelib: read EEG/MEG recordings of many acquisition systems.\n\nUsage:\n";
     for (const auto& [name, cmd] : Commands())
         out << "  " << cmd.usage << "\n";
+    out << "  filelib --version\n";
     out << "\nfilelib COMMAND --help explains a command. Exit status: 0 done, 1 error, 2 file not recognised.\n"
         << "Supported formats: " << SupportedFormatsText() << ".\n";
 }
@@ -170,6 +171,10 @@ bool WantsHelp(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && !std::strcmp(argv[1], "--version")) {
+        std::cout << "filelib " << FILELIB_VERSION << "\n";
+        return 0;
+    }
     if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help")) {
         ProgramHelp(std::cout);
         return argc < 2 ? 1 : 0;
