@@ -61,13 +61,17 @@ bool IsBrainVisionHeader(const std::string& path)
            first.find("Header File") != std::string::npos;
 }
 
-// A count field: -1 when absent, -2 when present but not a non-negative number.
-double Count(const std::string& text)
+// A count field, whole slices; `count` is -1 when the field is absent. False when the field
+// holds anything but a non-negative number.
+bool ParseCount(const std::string& text, double& count)
 {
-    double value = -1;
-    if (!text.empty() && (!ParseReal(text, value) || value < 0))
-        return -2;
-    return std::floor(value);
+    count = -1;
+    if (text.empty())
+        return true;
+    if (!ParseReal(text, count) || count < 0)
+        return false;
+    count = std::floor(count);
+    return true;
 }
 
 // Values per slice in the data file. V-Amp's .ahdr data carry one value more than the header
@@ -209,9 +213,23 @@ void BrainVision::SetTimeBase(const ecIniText& ini, long long dataBytes)
     if (!ParseReal(intervalText, interval) || !(interval > 0) || !(static_cast<float>(interval * 1e-6) > 0) ||
         !std::isfinite(static_cast<float>(interval * 1e-6)))
         Fail("Invalid SamplingInterval '" + intervalText + "'.");
+    SetSampleRate(static_cast<float>(interval * 1e-6), 1);
+    CountSlices(ini, dataBytes);
+    double segment = -1;
+    const bool segmented = Is(ini.Get(kCommon, "SegmentationType"), "MARKERBASED") &&
+                           ParseCount(ini.Get(kCommon, "SegmentDataPoints"), segment) && segment >= 1 &&
+                           segment <= static_cast<double>(std::max(1LL, m_points));
+    SetRunType(segmented ? kRunMultiEpoch : kRunContinuous);
+    SetEpochSlices(segmented ? static_cast<int>(segment) : static_cast<int>(m_points));
+    SetNumEpochs(segmented ? static_cast<int>(m_points / static_cast<long long>(segment)) : 1);
+    SetValidEpochCnt(GetNumEpochs());
+}
+
+void BrainVision::CountSlices(const ecIniText& ini, long long dataBytes)
+{
     const std::string points = ini.Get(kCommon, "DataPoints");
-    const double declared = Count(points);
-    if (declared == -2)
+    double declared = -1;
+    if (!ParseCount(points, declared))
         Fail("Invalid DataPoints '" + points + "'.");
     const bool ahdr = Is(GetFileNameExtension(GetInputFileName()), "ahdr");
     m_stored = StoredValues(ahdr, GetNumChans(), m_bytes, dataBytes, declared);
@@ -220,15 +238,7 @@ void BrainVision::SetTimeBase(const ecIniText& ini, long long dataBytes)
     m_points = declared >= 0 && declared < static_cast<double>(held) ? static_cast<long long>(declared) : held;
     if (m_points > 0x7FFFFFFF)
         Fail("The recording holds more than 2147483647 slices.");
-    SetSampleRate(static_cast<float>(interval * 1e-6), 1);
     SetNumSlices(static_cast<int>(m_points));
-    const double segment = Count(ini.Get(kCommon, "SegmentDataPoints"));
-    const bool segmented = Is(ini.Get(kCommon, "SegmentationType"), "MARKERBASED") && segment >= 1 &&
-                           segment <= static_cast<double>(std::max(1LL, m_points));
-    SetRunType(segmented ? kRunMultiEpoch : kRunContinuous);
-    SetEpochSlices(segmented ? static_cast<int>(segment) : static_cast<int>(m_points));
-    SetNumEpochs(segmented ? static_cast<int>(m_points / static_cast<long long>(segment)) : 1);
-    SetValidEpochCnt(GetNumEpochs());
 }
 
 // Every sample format and byte order through one tiled conversion.
@@ -262,7 +272,7 @@ int BrainVision::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     const long long n = PrepareBlock(data, first, count, "BrainVision");
     const long channels = GetNumChans();
-    const long long sliceBytes = static_cast<long long>(m_stored) * m_bytes;
+    const long long sliceBytes = std::max(1LL, static_cast<long long>(m_stored) * m_bytes);
     const long long perBlock = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / sliceBytes);
     std::vector<float*> rows(static_cast<size_t>(channels));
     for (long long done = 0; done < n;) {

@@ -51,6 +51,7 @@ private:
     void ReadLayout(const ecIniText& ini);
     void ReadChannels(const ecIniText& ini);
     void SetTimeBase(const ecIniText& ini, long long dataBytes);
+    void CountSlices(const ecIniText& ini, long long dataBytes);
     void Decode(const uint8_t* src, size_t stride, long long samples, size_t rowCount, float* const* rows,
                 const float* factors) const;
     void ReadRaw(long long offset, size_t bytes);
