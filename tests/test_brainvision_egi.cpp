@@ -1,159 +1,164 @@
 #include <gtest/gtest.h>
 
-#include "fixtures/Errors.h"
-
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <sstream>
 
 #include "filelib/filelib.h"
 #include "filelib/readers/BrainVision.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/Errors.h"
 #include "fixtures/VendorFiles.h"
 
 namespace {
-std::string Header(const std::string& format, const std::string& orientation, const std::string& extra = "",
-                   const std::string& dataFile = "d.eeg")
+// Three channels at 256 Hz: "Fp1,a" 0.5 µV per count, GSR 2 µS per count, Oz with no unit (µV).
+std::string Header(const std::string& format, const std::string& orientation, const std::string& extra = "")
 {
     return "Brain Vision Data Exchange Header File Version 2.0\r\n; comment\r\n[Common Infos]\r\nCodepage=UTF-8\r\n"
-           "DataFile=" + dataFile + "\r\nMarkerFile=d.vmrk\r\nDataFormat=BINARY\r\nDataOrientation=" + orientation +
-           "\r\nNumberOfChannels=3\r\nSamplingInterval=3906.25\r\n" + extra +
-           "\r\n[Binary Infos]\r\nBinaryFormat=" + format +
-           "\r\n\r\n[Channel Infos]\r\nCh1=Fp1\\1a,,0.5,\xC2\xB5V\r\nCh2=GSR,,2,\xC2\xB5S\r\nCh3=Oz,,,\r\n"
+           "DataFile=d.eeg\r\nMarkerFile=d.vmrk\r\nDataFormat=BINARY\r\nDataOrientation=" + orientation +
+           "\r\nNumberOfChannels=3\r\nSamplingInterval=3906.25\r\n" + extra + "\r\n[Binary Infos]\r\nBinaryFormat=" +
+           format + "\r\n\r\n[Channel Infos]\r\nCh1=Fp1\\1a,,0.5,\xC2\xB5V\r\nCh2=GSR,,2,\xC2\xB5S\r\nCh3=Oz,,,\r\n"
            "[Comment]\r\nCh4=not a channel\r\n";
 }
 
-// values[channel][slice]
-Bytes Data(const std::string& format, bool vectorized, bool bigEndian, const std::vector<std::vector<double>>& values)
+std::string Edited(std::string text, const std::vector<std::pair<std::string, std::string>>& edits)
+{
+    for (const auto& [from, to] : edits)
+        for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+            text.replace(at, from.size(), to);
+    return text;
+}
+
+using Values = std::vector<std::vector<double>>;  // [channel][slice]
+const Values kValues = {{1, -2, 3, -4}, {10, 20, 30, 40}, {-100, 0, 100, 32767}};
+
+Bytes Data(const std::string& format, bool vectorized, bool big, const Values& values)
 {
     Bytes b;
-    auto put = [&](double v) {
-        if (format == "INT_16") bigEndian ? b.u16be(static_cast<uint16_t>(static_cast<int16_t>(v))) : b.i16le(static_cast<int16_t>(v));
-        else if (format == "INT_32") bigEndian ? b.u32be(static_cast<uint32_t>(static_cast<int32_t>(v))) : b.i32le(static_cast<int32_t>(v));
-        else bigEndian ? b.f32be(static_cast<float>(v)) : b.f32le(static_cast<float>(v));
-    };
-    const size_t slices = values[0].size();
-    if (vectorized)
-        for (const auto& channel : values)
-            for (double v : channel)
-                put(v);
-    else
-        for (size_t t = 0; t < slices; ++t)
-            for (const auto& channel : values)
-                put(channel[t]);
+    const size_t slices = values[0].size(), channels = values.size();
+    for (size_t i = 0; i < slices * channels; ++i) {
+        const double v = vectorized ? values[i / slices][i % slices] : values[i % channels][i / channels];
+        if (format == "INT_16")
+            big ? b.u16be(static_cast<uint16_t>(static_cast<int16_t>(v))) : b.i16le(static_cast<int16_t>(v));
+        else if (format == "INT_32")
+            big ? b.u32be(static_cast<uint32_t>(static_cast<int32_t>(v))) : b.i32le(static_cast<int32_t>(v));
+        else
+            big ? b.f32be(static_cast<float>(v)) : b.f32le(static_cast<float>(v));
+    }
     return b;
 }
 
-const std::vector<std::vector<double>> kValues = {{1, -2, 3, -4}, {10, 20, 30, 40}, {-100, 0, 100, 32767}};
+// Rate, epochs x slices, EEG count, every channel's name, unit and slices 1 to 3, then the
+// events as "name code begin-end kind".
+std::string Summary(const std::string& path, int code = 29)
+{
+    CFilelib f;
+    std::string name = path;
+    if (f.GuessFileMFR(name) != code)
+        return "not recognised";
+    f.Initialize(0);
+    std::ostringstream out;
+    out << f.GetSampleRate() << " Hz, " << f.GetNumEpochs() << " x " << f.GetEpochSlices() << ", "
+        << f.GetEEGChannelCount() << " EEG";
+    ecLabeledMatrix<float> m;
+    const int count = f.ReadData(m, 1, std::min(3, f.GetNumSlices() - 1));
+    for (int c = 0; c < f.GetNumChans(); ++c) {
+        std::string chan, unit;
+        f.GetChanName(c, chan);
+        f.GetChanUnit(c, unit);
+        out << "; " << chan << " [" << unit << "]";
+        for (int t = 0; t < count; ++t)
+            out << " " << m[c][t];
+    }
+    ecEventList events;
+    if (f.InitialEventList(&events, nullptr) > 0)
+        out << " | " << events.GetEventCnt() << " events: ";
+    for (int i = 0; i < events.GetEventCnt(); ++i) {
+        const ecEvent& e = events.GetEvent(i);
+        out << (i ? "; " : "") << e.GetEventName() << " " << e.GetEventCode() << " " << e.GetBegin() << "-"
+            << e.GetEnd() << " " << e.GetKind();
+    }
+    return out.str();
+}
+const std::string kSummary = "256 Hz, 1 x 4, 2 EEG; Fp1,a [V] -1e-06 1.5e-06 -2e-06; GSR [\xC2\xB5S] 40 60 80; "
+                             "Oz [V] 0 0.0001 0.032767";
 }  // namespace
 
-TEST(BrainVision, EveryBinaryFormatAndOrientationThroughTheFacade)
+TEST(BrainVision, EveryLayoutWritersSpellingsLengthsAndMarkers)
 {
-    TempDir dir;
-    WriteTextFile(dir.path("d.vmrk"), "Brain Vision Data Exchange Marker File, Version 2.0\n[Marker Infos]\n"
-                                      "Mk1=New Segment,,1,1,0,20130202105441832000\nMk2=Stimulus,S 12,3,2,0\n"
-                                      "Mk10=Response,R  3,4,0,0\nMk3=Comment,bad\\1idea,2,1,0\n");
-    for (const char* format : {"INT_16", "INT_32", "IEEE_FLOAT_32"}) {
-        for (const char* orientation : {"MULTIPLEXED", "VECTORIZED"}) {
-            for (bool big : {false, true}) {
-                SCOPED_TRACE(std::string(format) + " " + orientation + (big ? " big" : ""));
-                std::string header = Header(format, orientation);
-                if (big)
-                    header.insert(header.find("\r\n\r\n[Channel Infos]"), "\r\nUseBigEndianOrder=YES");
-                WriteTextFile(dir.path("d.vhdr"), header);
-                Data(format, std::string(orientation) == "VECTORIZED", big, kValues).write(dir.path("d.eeg"));
-                CFilelib f;
-                std::string name = dir.path("d.vhdr");
-                ASSERT_EQ(f.GuessFileMFR(name), 29);
-                f.Initialize(0);
-                EXPECT_FLOAT_EQ(f.GetSampleRate(), 256.0f);
-                EXPECT_EQ(f.GetNumSlices(), 4);
-                EXPECT_EQ(f.GetNumChans(), 3);
-                std::string chanName, unit;
-                f.GetChanName(0, chanName);
-                EXPECT_EQ(chanName, "Fp1,a");
-                f.GetChanUnit(1, unit);
-                EXPECT_EQ(unit, "\xC2\xB5S");
-                f.GetChanUnit(2, unit);
-                EXPECT_EQ(unit, "V");  // no unit: microvolts
-                EXPECT_EQ(f.GetEEGChannelCount(), 2);
-                ecLabeledMatrix<float> m;
-                ASSERT_EQ(f.ReadData(m, 1, 3), 3);
-                for (int t = 0; t < 3; ++t) {
-                    EXPECT_EQ(m[0][t], static_cast<float>(kValues[0][t + 1] * 0.5 * 1e-6));
-                    EXPECT_EQ(m[1][t], static_cast<float>(kValues[1][t + 1] * 2));
-                    EXPECT_EQ(m[2][t], static_cast<float>(kValues[2][t + 1] * 1e-6));
-                }
-            }
-        }
-    }
-    CFilelib f;
-    std::string name = dir.path("d.vhdr");
-    ASSERT_EQ(f.GuessFileMFR(name), 29);
-    f.Initialize(0);
-    ecEventList events;
-    ASSERT_EQ(f.InitialEventList(&events, nullptr), 4);
-    EXPECT_TRUE(events.GetEvent(0).IsSegmentBoundary());
-    EXPECT_EQ(events.GetEvent(1).GetEventName(), "Stimulus/S 12");
-    EXPECT_EQ(events.GetEvent(1).GetEventCode(), 12);
-    EXPECT_EQ(events.GetEvent(1).GetBegin(), 2);
-    EXPECT_EQ(events.GetEvent(1).GetEnd(), 4);
-    EXPECT_EQ(events.GetEvent(2).GetEventName(), "Comment/bad,idea");
-    EXPECT_EQ(events.GetEvent(3).GetEventName(), "Response/R  3");  // Mk10 after Mk3
-    EXPECT_EQ(events.GetEvent(3).GetKind(), 3);
+    auto expect = [](const std::string& what, const std::string& header, const Bytes& data,
+                     const std::string& headerName = "d.vhdr", const std::string& markers = "",
+                     const std::string& expected = kSummary) {
+        TempDir dir;
+        WriteTextFile(dir.path(headerName), header);
+        data.write(dir.path("d.eeg"));
+        if (!markers.empty())
+            WriteTextFile(dir.path("d.vmrk"), markers);
+        EXPECT_EQ(Summary(dir.path(headerName)), expected) << what;
+    };
+    for (const char* format : {"INT_16", "INT_32", "IEEE_FLOAT_32"})
+        for (const char* orientation : {"MULTIPLEXED", "VECTORIZED"})
+            for (bool big : {false, true})
+                expect(std::string(format) + " " + orientation + (big ? " big-endian" : ""),
+                       Header(format, orientation, big ? "[Binary Infos]\r\nUseBigEndianOrder=YES\r\n" : ""),
+                       Data(format, orientation[0] == 'V', big, kValues));
+    const std::string header = Header("INT_16", "MULTIPLEXED");
+    const Bytes data = Data("INT_16", false, false, kValues);
+    expect("sections, keys and words in other letter cases",
+           Edited(header, {{"[Common Infos]", "[Common infos]"}, {"Ch", "ch"}, {"NumberOf", "numberof"},
+                           {"MULTIPLEXED", "multiplexed"}}), data);
+    expect("byte-order mark", "\xEF\xBB\xBF" + header, data);
+    expect("Greek mu", Edited(header, {{"0.5,\xC2\xB5V", "0.5,\xCE\xBCV"}}), data);
+    expect("DataPoints beyond the data", Header("INT_16", "MULTIPLEXED", "DataPoints=9\r\n"), data);
+    expect("a partial slice at the end", header, Bytes(data).u16le(1));
+    Values withExtra = kValues;
+    withExtra.push_back({7, 7, 7, 7});  // the trailing value V-Amp stores per slice
+    expect("V-Amp, multiplexed", header, Data("INT_16", false, false, withExtra), "d.ahdr");
+    expect("V-Amp, vectorized", Header("INT_16", "VECTORIZED", "DataPoints=4\r\n"),
+           Data("INT_16", true, false, withExtra), "d.ahdr");
+    expect("Latin-1 and segments",
+           Edited(Header("INT_16", "MULTIPLEXED", "SegmentationType=MARKERBASED\r\nSegmentDataPoints=2\r\n"),
+                  {{"Codepage=UTF-8", "Codepage=ANSI"}, {"\xC2\xB5", "\xB5"}}),
+           data, "d.vhdr", "", Edited(kSummary, {{"1 x 4", "2 x 2"}}));
+    // Positions count from 1, a position 0 is the first slice too; unreadable lines are
+    // skipped; Mk10 comes after Mk4.
+    expect("markers", header, data, "d.vhdr",
+           "\xEF\xBB\xBF" "Brain Vision Data Exchange Marker File, Version 2.0\n[Marker infos]\n"
+           "Mk1=New Segment,,1,1,0,20130202105441832000\nMk2=Stimulus,S 12,3,2,0\nMk10=Response,R  3,4,0,0\n"
+           "Mk3=Comment,bad\\1idea,2,1,0\nmk4=Impedance,,0,1,0\nMk5=Stimulus,S  7,x,1,0\n"
+           "Mk6=Stimulus,S  8,2,-1,0\nMk7=Stimulus\nMk8=Stimulus,S  9,1e12,1,0\n",
+           kSummary + " | 5 events: New Segment 0 0-0 0; Stimulus/S 12 12 2-4 2; Comment/bad,idea 0 1-2 2; "
+                      "Impedance 0 0-1 2; Response/R  3 3 3-3 3");
 }
 
-TEST(BrainVision, Latin1SegmentsAndRefusals)
+TEST(BrainVision, Refusals)
 {
     TempDir dir;
-    std::string latin = Header("INT_16", "MULTIPLEXED", "DataPoints=4\nSegmentationType=MARKERBASED\nSegmentDataPoints=2\n");
-    latin.replace(latin.find("Codepage=UTF-8"), 14, "Codepage=ANSI");
-    for (size_t at; (at = latin.find("\xC2\xB5")) != std::string::npos;)
-        latin.replace(at, 2, "\xB5");  // one Latin-1 byte
-    WriteTextFile(dir.path("d.vhdr"), latin);
     Data("INT_16", false, false, kValues).write(dir.path("d.eeg"));
-    BrainVision r(dir.path("d.vhdr").c_str());
-    r.Initialize(0);
-    std::string unit;
-    r.GetChanUnit(1, unit);
-    EXPECT_EQ(unit, "\xC2\xB5S");
-    EXPECT_EQ(r.GetRunType(), 2u);
-    EXPECT_EQ(r.GetNumEpochs(), 2);
-    EXPECT_EQ(r.GetEpochSlices(), 2);
-
-    const std::string p = "[BrainVision::Initialize] ";
-    auto fails = [&](const std::string& header) {
+    const std::string base = Header("INT_16", "MULTIPLEXED");
+    const std::string outside = "' lies outside the header's folder.";
+    const std::pair<std::string, std::string> kRefused[] = {
+        {Edited(base, {{"=d.eeg", "=../d.eeg"}}), "The data file '../d.eeg" + outside},
+        {Edited(base, {{"=d.eeg", "=a\\..\\d.eeg"}}), "The data file 'a\\..\\d.eeg" + outside},
+        {Edited(base, {{"=d.eeg", "=/etc/passwd"}}), "The data file '/etc/passwd" + outside},
+        {Edited(base, {{"=d.eeg", "=missing.eeg"}}), "Cannot open the data file " + dir.path("missing.eeg")},
+        {Header("INT_64", "MULTIPLEXED"), "Unknown BinaryFormat 'INT_64'."},
+        {Header("INT_16", "SIDEWAYS"), "Unknown DataOrientation 'SIDEWAYS'."},
+        {Edited(base, {{"3906.25", "0"}}), "Invalid SamplingInterval '0'."},
+        {Edited(base, {{"NumberOfChannels=3", "NumberOfChannels=x"}}), "Invalid NumberOfChannels 'x'."},
+        {Header("INT_16", "MULTIPLEXED", "DataPoints=-1\n"), "Invalid DataPoints '-1'."},
+        {"Some other text file\n", "Not a BrainVision header: " + dir.path("x.vhdr")},
+    };
+    for (const auto& [header, message] : kRefused) {
         WriteTextFile(dir.path("x.vhdr"), header);
         BrainVision bad(dir.path("x.vhdr").c_str());
-        const std::string message = Message([&] { bad.Initialize(0); });
-        EXPECT_EQ(bad.GetFileMFR(), 29);
-        return message;
-    };
-    EXPECT_EQ(fails(Header("INT_16", "MULTIPLEXED", "", "../d.eeg")),
-              p + "The data file '../d.eeg' lies outside the header's folder.");
-    EXPECT_EQ(fails(Header("INT_16", "MULTIPLEXED", "", "/etc/passwd")),
-              p + "The data file '/etc/passwd' lies outside the header's folder.");
-    EXPECT_EQ(fails(Header("INT_16", "MULTIPLEXED", "", "missing.eeg")),
-              p + "Cannot open the data file " + dir.path("missing.eeg"));
-    EXPECT_EQ(fails(Header("INT_64", "MULTIPLEXED")), p + "Unknown BinaryFormat 'INT_64'.");
-    EXPECT_EQ(fails(Header("INT_16", "SIDEWAYS")), p + "Unknown DataOrientation 'SIDEWAYS'.");
-    std::string zeroRate = Header("INT_16", "MULTIPLEXED");
-    zeroRate.replace(zeroRate.find("3906.25"), 7, "0");
-    EXPECT_EQ(fails(zeroRate), p + "Invalid SamplingInterval '0'.");
-    std::string noChannels = Header("INT_16", "MULTIPLEXED");
-    noChannels.replace(noChannels.find("NumberOfChannels=3"), 18, "NumberOfChannels=x");
-    EXPECT_EQ(fails(noChannels), p + "Invalid NumberOfChannels 'x'.");
-    EXPECT_EQ(fails(Header("INT_16", "MULTIPLEXED", "DataPoints=5\n")),
-              p + "The data file " + dir.path("d.eeg") + " holds 24 bytes, fewer than DataPoints=5 needs.");
-    WriteTextFile(dir.path("y.vhdr"), "Some other text file\n");
-    BrainVision foreign(dir.path("y.vhdr").c_str());
-    EXPECT_EQ(Message([&] { foreign.Initialize(0); }), p + "Not a BrainVision header: " + dir.path("y.vhdr"));
-    EXPECT_EQ(foreign.GetFileMFR(), 0);
+        EXPECT_EQ(Message([&] { bad.Initialize(0); }), "[BrainVision::Initialize] " + message);
+        EXPECT_EQ(bad.GetFileMFR(), header[0] == 'B' ? 29 : 0);
+    }
 }
 
-TEST(EGISimple, VersionsValuesAndEvents)
+TEST(EGISimple, VersionsValuesEventsAndDamage)
 {
     TempDir dir;
     // Version 2: 16-bit with range / 2^bits scaling (400 uV over 12 bits), one event code.
@@ -161,128 +166,58 @@ TEST(EGISimple, VersionsValuesAndEvents)
     for (int t = 0; t < 3; ++t)
         v2.u16be(static_cast<uint16_t>(100 * (t + 1))).u16be(static_cast<uint16_t>(-7)).u16be(t == 1 ? 1 : 0);
     v2.write(dir.path("v2.raw"));
-    CFilelib f;
-    std::string name = dir.path("v2.raw");
-    ASSERT_EQ(f.GuessFileMFR(name), 44);
-    f.Initialize(0);
-    EXPECT_EQ(f.GetNumChans(), 3);
-    EXPECT_EQ(f.GetNumChans(0x8000), 1);
-    std::string code;
-    f.GetChanName(2, code);
-    EXPECT_EQ(code, "DIN1");
-    ecLabeledMatrix<float> m;
-    ASSERT_EQ(f.ReadData(m, 0, 3), 3);
-    EXPECT_FLOAT_EQ(m[0][2], static_cast<float>(300 * 400.0 / 4096 * 1e-6));
-    EXPECT_FLOAT_EQ(m[1][0], static_cast<float>(-7 * 400.0 / 4096 * 1e-6));
-    ecEventList events;
-    ASSERT_EQ(f.InitialEventList(&events, nullptr), 1);
-    EXPECT_EQ(events.GetEvent(0).GetEventName(), "DIN1");
-    EXPECT_EQ(events.GetEvent(0).GetBegin(), 1);
-
+    EXPECT_EQ(Summary(dir.path("v2.raw"), 44), "250 Hz, 1 x 3, 2 EEG; E1 [V] 1.95312e-05 2.92969e-05; E2 [V] "
+                                                "-6.83594e-07 -6.83594e-07; DIN1 [] 1 0 | 1 events: DIN1 1 1-1 2");
     // Version 7: segmented doubles, two segments of two samples.
     Bytes v7 = EgiHeader(7, 1, 2, {}, 0, 0, 2);
-    for (int s = 0; s < 2; ++s) {
-        v7.u16be(static_cast<uint16_t>(s + 1)).u32be(1000u * s);
-        v7.f64be(1.5 + s).f64be(-2.5 - s);
-    }
+    for (int s = 0; s < 2; ++s)
+        v7.u16be(static_cast<uint16_t>(s + 1)).u32be(1000u * s).f64be(1.5 + s).f64be(-2.5 - s);
     v7.write(dir.path("v7.raw"));
-    EGI_Simple seg(dir.path("v7.raw").c_str());
-    seg.Initialize(0);
-    EXPECT_EQ(seg.GetRunType(), 2u);
-    EXPECT_EQ(seg.GetNumEpochs(), 2);
-    EXPECT_EQ(seg.GetNumSlices(), 4);
-    ASSERT_EQ(seg.ReadData(m, 1, 3), 3);
-    EXPECT_FLOAT_EQ(m[0][0], -2.5e-6f);
-    EXPECT_FLOAT_EQ(m[0][1], 2.5e-6f);
-    EXPECT_FLOAT_EQ(m[0][2], -3.5e-6f);
-    ecEventList boundaries;
-    ASSERT_EQ(seg.InitialEventList(&boundaries, nullptr), 2);
-    EXPECT_EQ(boundaries.GetEvent(1).GetEventName(), "target");
-    EXPECT_EQ(boundaries.GetEvent(1).GetBegin(), 2);
+    EXPECT_EQ(Summary(dir.path("v7.raw"), 44),
+              "250 Hz, 2 x 2, 1 EEG; E1 [V] -2.5e-06 2.5e-06 -3.5e-06 | 2 events: std 0 0-0 0; target 0 2-2 0");
 
-    // Damage: data shorter than the header implies, zero rate, cut header.
-    v2.dropLast(2).write(dir.path("short.raw"));
-    EGI_Simple cut(dir.path("short.raw").c_str());
-    EXPECT_EQ(Message([&] { cut.Initialize(0); }), "[EGI_Simple::Initialize] The file holds 56 bytes; the header implies 58.");
-    Bytes zero = EgiHeader(4, 2, 1, {});
-    zero.put_u16le(20, 0);
-    zero.zeros(8).write(dir.path("zero.raw"));
-    EGI_Simple zeroRate(dir.path("zero.raw").c_str());
-    EXPECT_EQ(Message([&] { zeroRate.Initialize(0); }), "[EGI_Simple::Initialize] The sampling rate is 0.");
-    v2.head(34).write(dir.path("head.raw"));
-    EGI_Simple headCut(dir.path("head.raw").c_str());
-    EXPECT_EQ(Message([&] { headCut.Initialize(0); }),
-              "[EGI_Simple::Initialize] The header of " + dir.path("head.raw") + " is cut short.");
-}
-
-// Real recordings written by other software.
-TEST(BrainVisionRealFiles, ValuesAndMarkers)
-{
-    const std::string d = std::string(FILELIB_SHARED_DATA) + "/brainvision/";
-    ecLabeledMatrix<float> m;
-    {
-        CFilelib f;
-        std::string name = d + "test.vhdr";
-        ASSERT_EQ(f.GuessFileMFR(name), 29);
-        f.Initialize(0);
-        ASSERT_EQ(f.ReadData(m, 0, 3), 3);
-        EXPECT_FLOAT_EQ(m[29][0], -26.0f);  // HR in its declared unit, "uS"
-        std::string unit;
-        f.GetChanUnit(31, unit);
-        EXPECT_EQ(unit, "C");
-        ecEventList events;
-        ASSERT_EQ(f.InitialEventList(&events, nullptr), 14);
-        const long begins[] = {0, 486, 496, 1769, 1779, 3252, 3262, 4935, 4945, 5999, 6619, 6629, 7629, 7699};
-        for (int i = 0; i < 14; ++i)
-            EXPECT_EQ(events.GetEvent(i).GetBegin(), begins[i]);
-        EXPECT_EQ(events.GetEvent(12).GetEventName(), "SyncStatus/Sync On");
-    }
-    {
-        CFilelib f;
-        std::string name = d + "test_old_layout_latin1_software_filter.vhdr";
-        ASSERT_EQ(f.GuessFileMFR(name), 29);
-        f.Initialize(0);
-        ecEventList events;
-        EXPECT_EQ(f.InitialEventList(&events, nullptr), 2);
-    }
-    {
-        CFilelib f;
-        std::string name = d + "File_brainvision_3_int16.vhdr";
-        ASSERT_EQ(f.GuessFileMFR(name), 29);
-        f.Initialize(0);
-        EXPECT_EQ(f.GetRunType(), 2u);
-        EXPECT_EQ(f.GetNumEpochs(), 34);
-        EXPECT_EQ(f.GetEpochSlices(), 294);
-        ecEventList events;
-        EXPECT_EQ(f.InitialEventList(&events, nullptr), 102);
+    Bytes zeroRate = EgiHeader(4, 2, 1, {});
+    zeroRate.put_u16le(20, 0).zeros(8);
+    const std::pair<Bytes, std::string> kDamaged[] = {
+        {v2.dropLast(2), "The file holds 56 bytes; the header implies 58."},
+        {zeroRate, "The sampling rate is 0."},
+        {v2.head(34), "The header of " + dir.path("bad.raw") + " is cut short."},
+    };
+    for (const auto& [bytes, message] : kDamaged) {
+        bytes.write(dir.path("bad.raw"));
+        EGI_Simple bad(dir.path("bad.raw").c_str());
+        EXPECT_EQ(Message([&] { bad.Initialize(0); }), "[EGI_Simple::Initialize] " + message);
     }
 }
 
-TEST(EGIRealFiles, ValuesAndEvents)
+// Real recordings written by other software; their names, rates, lengths and first samples of
+// every channel are checked against the peers' in test_real_files.
+TEST(BrainVisionEgiRealFiles, EpochsEventsAndUnits)
 {
-    const std::string d = std::string(FILELIB_SHARED_DATA) + "/egi/";
-    CFilelib f;
-    std::string name = d + "test_egi.raw";
-    ASSERT_EQ(f.GuessFileMFR(name), 44);
-    f.Initialize(0);
-    EXPECT_EQ(f.GetEEGChannelCount(), 256);
-    EXPECT_EQ(f.GetNumChans(0x8000), 6);
-    ecLabeledMatrix<float> m;
-    ASSERT_EQ(f.ReadData(m, 0, 77), 77);
-    std::istringstream txt(ReadTextFile(d + "test_egi.txt"));
-    for (int row = 0; row < 257; ++row)
-        for (int t = 0; t < 77; ++t) {
-            double v = 0;
-            ASSERT_TRUE(txt >> v);
-            if (row > 0) {
-                // Single-precision samples: within float rounding of the peers' doubles.
-                EXPECT_NEAR(m[row - 1][t], v * 1e-6, std::max(1e-10, std::fabs(v) * 1e-6 * 1.2e-7)) << row << "," << t;
-            }
-        }
-    ecEventList events;
-    ASSERT_EQ(f.InitialEventList(&events, nullptr), 2);
-    EXPECT_EQ(events.GetEvent(0).GetEventName(), "TRSP");
-    EXPECT_EQ(events.GetEvent(0).GetBegin(), 19);
-    EXPECT_EQ(events.GetEvent(1).GetEventName(), "XXX1");
-    EXPECT_EQ(events.GetEvent(1).GetBegin(), 57);
+    const std::string d = std::string(FILELIB_SHARED_DATA) + "/";
+    const struct {
+        const char* file;
+        const char* head;
+        const char* events;  // the beginning of the event list
+    } kFiles[] = {
+        {"brainvision/test.vhdr", "1000 Hz, 1 x 7900, 26 EEG",
+         "14 events: New Segment 0 0-0 0; Stimulus/S253 253 486-486 2; Stimulus/S255 255 496-497 2; "
+         "Event/254 254 1769-1770 2; Stimulus/S255 255 1779-1780 2; Event/254 254 3252-3253 2; "
+         "Stimulus/S255 255 3262-3263 2; Stimulus/S253 253 4935-4936 2; Stimulus/S255 255 4945-4946 2; "
+         "Response/R255 255 5999-6000 3; Event/254 254 6619-6620 2; Stimulus/S255 255 6629-6630 2; "
+         "SyncStatus/Sync On 0 7629-7630 2; Optic/O  1 1 7699-7700 2"},
+        {"brainvision/test_old_layout_latin1_software_filter.vhdr", "250 Hz, 1 x 251, 29 EEG",
+         "2 events: New Segment 0 0-0 0; New Segment 0 1-1 0"},
+        {"brainvision/File_brainvision_3_int16.vhdr", "256 Hz, 34 x 294, 15 EEG",
+         "102 events: New Segment 0 0-0 0; Time 0 0 38-39 2; Trigger/1 1 38-39 2; New Segment 0 294-294 0"},
+        {"egi/test_egi.raw", "250 Hz, 1 x 77, 256 EEG", "2 events: TRSP 4 19-19 2; XXX1 5 57-57 2"},
+    };
+    for (const auto& c : kFiles) {
+        const std::string summary = Summary(d + c.file, c.file[0] == 'e' ? 44 : 29);
+        EXPECT_EQ(summary.substr(0, summary.find(';')), c.head);
+        EXPECT_EQ(summary.substr(summary.find(" | ") + 3, std::string(c.events).size()), c.events);
+    }
+    // HR keeps its "uS": count x 0.5, where both peers convert to volts.
+    const std::string summary = Summary(d + "brainvision/test.vhdr");
+    EXPECT_NE(summary.find("; HR [uS] -26 -26 -26; Vb [S]"), std::string::npos) << summary;
 }

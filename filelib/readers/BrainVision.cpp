@@ -1,7 +1,6 @@
 #include "filelib/readers/BrainVision.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -9,6 +8,8 @@
 
 #include "companion/ByteCursor.h"
 #include "companion/Deinterleave.h"
+#include "companion/IniText.h"
+#include "companion/Units.h"
 #include "companion/Utility.h"
 
 namespace {
@@ -16,89 +17,10 @@ namespace {
 enum Format { kInt16, kUInt16, kInt32, kFloat32 };
 constexpr size_t kMaxHeaderBytes = 16u << 20;
 constexpr size_t kRawBlockBytes = 1u << 20;
+constexpr double kMaxSlice = 2147483647.0;
+const char kCommon[] = "Common Infos";
 
-bool ValidUtf8(const std::string& s)
-{
-    for (size_t i = 0; i < s.size();) {
-        const unsigned char c = static_cast<unsigned char>(s[i]);
-        const size_t len = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
-        if (len == 0 || i + len > s.size())
-            return false;
-        for (size_t k = 1; k < len; ++k)
-            if ((static_cast<unsigned char>(s[i + k]) >> 6) != 2)
-                return false;
-        i += len;
-    }
-    return true;
-}
-
-std::string Latin1ToUtf8(const std::string& s)
-{
-    std::string out;
-    for (unsigned char c : s) {
-        if (c < 0x80) {
-            out += static_cast<char>(c);
-        } else {
-            out += static_cast<char>(0xC0 | (c >> 6));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
-    }
-    return out;
-}
-
-// At most `limit` bytes of a text file (false when the file is larger or unreadable).
-bool ReadText(const std::string& path, std::string& text, size_t limit = kMaxHeaderBytes)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        return false;
-    in.seekg(0, std::ios::end);
-    const std::streamoff size = in.tellg();
-    if (size < 0 || static_cast<unsigned long long>(size) > limit)
-        return false;
-    in.seekg(0);
-    text.assign(static_cast<size_t>(size), '\0');
-    if (size > 0 && !in.read(&text[0], size))
-        return false;
-    if (text.compare(0, 3, "\xEF\xBB\xBF") == 0)
-        text.erase(0, 3);
-    // Text is UTF-8 when it says so or when it decodes as such; otherwise Latin-1 (ANSI).
-    if (text.find("Codepage=UTF-8") == std::string::npos && !ValidUtf8(text))
-        text = Latin1ToUtf8(text);
-    return true;
-}
-
-std::map<std::string, std::map<std::string, std::string>> ParseIni(const std::string& text)
-{
-    std::map<std::string, std::map<std::string, std::string>> sections;
-    std::string section;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        line = TrimBlanks(line);
-        if (line.empty() || line[0] == ';')
-            continue;
-        if (line[0] == '[') {
-            section = line.substr(1, line.find(']') - 1);
-            if (section == "Comment")
-                break;  // free text follows
-            continue;
-        }
-        const size_t eq = line.find('=');
-        if (eq != std::string::npos && !section.empty())
-            sections[section][TrimBlanks(line.substr(0, eq))] = TrimBlanks(line.substr(eq + 1));
-    }
-    return sections;
-}
-
-std::string Get(const std::map<std::string, std::map<std::string, std::string>>& ini, const char* section,
-                const char* key)
-{
-    const auto s = ini.find(section);
-    if (s == ini.end())
-        return std::string();
-    const auto k = s->second.find(key);
-    return k == s->second.end() ? std::string() : k->second;
-}
+bool Is(const std::string& value, const char* word) { return IsEqual(value, word, false); }
 
 std::vector<std::string> Fields(const std::string& value)
 {
@@ -115,19 +37,6 @@ std::vector<std::string> Fields(const std::string& value)
     return out;
 }
 
-double VoltsPerUnit(const std::string& unit)
-{
-    if (unit.empty() || unit == "\xC2\xB5V" || unit == "uV")
-        return 1e-6;
-    if (unit == "nV")
-        return 1e-9;
-    if (unit == "mV")
-        return 1e-3;
-    if (unit == "V")
-        return 1.0;
-    return 0.0;
-}
-
 int TrailingNumber(const std::string& s)
 {
     size_t end = s.size();
@@ -137,6 +46,65 @@ int TrailingNumber(const std::string& s)
     while (start > 0 && std::isdigit(static_cast<unsigned char>(s[start - 1])))
         --start;
     return start < end && end - start < 10 ? std::atoi(s.substr(start, end - start).c_str()) : 0;
+}
+
+bool IsBrainVisionHeader(const std::string& path)
+{
+    char head[64] = {};
+    std::ifstream in(path, std::ios::binary);
+    in.read(head, sizeof head - 1);
+    std::string first(head, static_cast<size_t>(in.gcount()));
+    if (first.compare(0, 3, "\xEF\xBB\xBF") == 0)
+        first.erase(0, 3);
+    first = first.substr(0, first.find('\n'));
+    return (first.compare(0, 12, "Brain Vision") == 0 || first.compare(0, 11, "BrainVision") == 0) &&
+           first.find("Header File") != std::string::npos;
+}
+
+// A count field, whole slices; `count` is -1 when the field is absent. False when the field
+// holds anything but a non-negative number.
+bool ParseCount(const std::string& text, double& count)
+{
+    count = -1;
+    if (text.empty())
+        return true;
+    if (!ParseReal(text, count) || count < 0)
+        return false;
+    count = std::floor(count);
+    return true;
+}
+
+// Values per slice in the data file. V-Amp's .ahdr data carry one value more than the header
+// lists channels; DataPoints, when it fits either layout, or else the length, tells which.
+int StoredValues(bool ahdr, int channels, int bytes, long long dataBytes, double declared)
+{
+    if (!ahdr)
+        return channels;
+    const long long plain = static_cast<long long>(channels) * bytes, extra = plain + bytes;
+    const bool fitsExtra = declared >= 0 && static_cast<double>(dataBytes / extra) == declared;
+    const bool fitsPlain = declared >= 0 && static_cast<double>(dataBytes / plain) == declared;
+    return fitsExtra || (!fitsPlain && dataBytes % extra == 0) ? channels + 1 : channels;
+}
+
+// One marker line "Type,Description,Position,Size,Channel[,Date]"; false when it cannot be read.
+bool MarkerEvent(const std::string& value, ecEvent& e)
+{
+    const std::vector<std::string> f = Fields(value);
+    double position = 0, size = 0;
+    if (f.size() < 3 || !ParseReal(f[2], position) || position < 0 || position > kMaxSlice)
+        return false;
+    if (f.size() > 3 && !TrimBlanks(f[3]).empty() && !(ParseReal(f[3], size) && size >= 0 && size <= kMaxSlice))
+        return false;
+    e.SetBegin(std::max(0L, static_cast<long>(position) - 1));
+    if (Is(f[0], "New Segment")) {
+        e.SetSegmentBoundaryDefaults();
+        return true;
+    }
+    e.SetEventName(f[1].empty() ? f[0] : f[0] + "/" + f[1]);
+    e.SetEventCode(TrailingNumber(f[1]));
+    e.SetKind(Is(f[0], "Response") ? 3 : 2);
+    e.SetEnd(e.GetBegin() + static_cast<long>(size));
+    return true;
 }
 
 }  // namespace
@@ -152,27 +120,12 @@ void BrainVision::Fail(const std::string& text)
 std::string BrainVision::Beside(const std::string& name, const char* what)
 {
     const bool absolute = !name.empty() && (name[0] == '/' || name[0] == '\\' || (name.size() > 1 && name[1] == ':'));
-    const std::string wrapped = "/" + name + "/";
-    if (absolute || wrapped.find("/../") != std::string::npos || wrapped.find("\\..\\") != std::string::npos ||
-        wrapped.find("/..\\") != std::string::npos || wrapped.find("\\../") != std::string::npos)
+    std::string wrapped = "/" + name + "/";
+    std::replace(wrapped.begin(), wrapped.end(), '\\', '/');
+    if (absolute || wrapped.find("/../") != std::string::npos)
         Fail(std::string("The ") + what + " '" + name + "' lies outside the header's folder.");
     return GetFileNameDirectory(GetInputFileName()) + name;
 }
-
-namespace {
-bool IsBrainVisionHeader(const std::string& path)
-{
-    char head[64] = {};
-    std::ifstream in(path, std::ios::binary);
-    in.read(head, sizeof head - 1);
-    std::string first(head, static_cast<size_t>(in.gcount()));
-    if (first.compare(0, 3, "\xEF\xBB\xBF") == 0)
-        first.erase(0, 3);
-    first = first.substr(0, first.find('\n'));
-    return (first.compare(0, 12, "Brain Vision") == 0 || first.compare(0, 11, "BrainVision") == 0) &&
-           first.find("Header File") != std::string::npos;
-}
-}  // namespace
 
 void BrainVision::Initialize(int)
 {
@@ -180,68 +133,70 @@ void BrainVision::Initialize(int)
     if (!IsBrainVisionHeader(GetInputFileName()))
         Fail("Not a BrainVision header: " + GetInputFileName());
     SetFileMFR(29);
-    std::string text;
-    if (!ReadText(GetInputFileName(), text))
+    ecIniText ini;
+    if (!ini.ReadFile(GetInputFileName(), kMaxHeaderBytes, "Comment"))
         Fail("Cannot read the header file " + GetInputFileName());
-
-    const Sections ini = ParseIni(text);
-    const std::string dataFormat = Get(ini, "Common Infos", "DataFormat");
-    if (!dataFormat.empty() && dataFormat != "BINARY")
-        Fail("Unsupported DataFormat '" + dataFormat + "' (only BINARY data can be read).");
-    const std::string dataName = Get(ini, "Common Infos", "DataFile");
-    if (dataName.empty())
-        Fail("The header names no DataFile.");
-    m_dataFile = Beside(dataName, "data file");
-    const std::string markerName = Get(ini, "Common Infos", "MarkerFile");
-    m_markerFile = markerName.empty() ? std::string() : Beside(markerName, "marker file");
-
-    const std::string orientation = Get(ini, "Common Infos", "DataOrientation");
-    if (orientation != "MULTIPLEXED" && orientation != "VECTORIZED" && !orientation.empty())
-        Fail("Unknown DataOrientation '" + orientation + "'.");
-    m_vectorized = orientation == "VECTORIZED";
-    const std::string format = Get(ini, "Binary Infos", "BinaryFormat");
-    if (format == "INT_16" || format.empty())
-        m_format = kInt16, m_bytes = 2;
-    else if (format == "UINT_16")
-        m_format = kUInt16, m_bytes = 2;
-    else if (format == "INT_32")
-        m_format = kInt32, m_bytes = 4;
-    else if (format == "IEEE_FLOAT_32")
-        m_format = kFloat32, m_bytes = 4;
-    else
-        Fail("Unknown BinaryFormat '" + format + "'.");
-    m_bigEndian = Get(ini, "Binary Infos", "UseBigEndianOrder") == "YES";
-
-    double channels = 0;
-    if (!ParseReal(Get(ini, "Common Infos", "NumberOfChannels"), channels) || channels < 1 || channels > 65536 ||
-        channels != std::floor(channels))
-        Fail("Invalid NumberOfChannels '" + Get(ini, "Common Infos", "NumberOfChannels") + "'.");
-    SetNumChans(static_cast<int>(channels));
-    const auto channelInfos = ini.find("Channel Infos");
-    ReadChannels(channelInfos == ini.end() ? std::map<std::string, std::string>() : channelInfos->second);
-
+    ReadLayout(ini);
+    const std::string channels = ini.Get(kCommon, "NumberOfChannels");
+    double count = 0;
+    if (!ParseReal(channels, count) || count < 1 || count > 65536 || count != std::floor(count))
+        Fail("Invalid NumberOfChannels '" + channels + "'.");
+    SetNumChans(static_cast<int>(count));
+    ReadChannels(ini);
     FILE* fp = OpenInputFile(m_dataFile);
     if (!fp)
         Fail("Cannot open the data file " + m_dataFile);
     SetTimeBase(ini, FileLength(fp));
 }
 
-void BrainVision::ReadChannels(const std::map<std::string, std::string>& channels)
+void BrainVision::ReadLayout(const ecIniText& ini)
+{
+    const std::string dataFormat = ini.Get(kCommon, "DataFormat");
+    if (!dataFormat.empty() && !Is(dataFormat, "BINARY"))
+        Fail("Unsupported DataFormat '" + dataFormat + "' (only BINARY data can be read).");
+    const std::string dataName = ini.Get(kCommon, "DataFile");
+    if (dataName.empty())
+        Fail("The header names no DataFile.");
+    m_dataFile = Beside(dataName, "data file");
+    const std::string markerName = ini.Get(kCommon, "MarkerFile");
+    m_markerFile = markerName.empty() ? std::string() : Beside(markerName, "marker file");
+
+    const std::string orientation = ini.Get(kCommon, "DataOrientation");
+    if (!orientation.empty() && !Is(orientation, "MULTIPLEXED") && !Is(orientation, "VECTORIZED"))
+        Fail("Unknown DataOrientation '" + orientation + "'.");
+    m_vectorized = Is(orientation, "VECTORIZED");
+    static const struct {
+        const char* name;
+        Format format;
+        int bytes;
+    } kFormats[] = {{"", kInt16, 2}, {"INT_16", kInt16, 2}, {"UINT_16", kUInt16, 2}, {"INT_32", kInt32, 4},
+                    {"IEEE_FLOAT_32", kFloat32, 4}};
+    const std::string format = ini.Get("Binary Infos", "BinaryFormat");
+    const auto known = std::find_if(std::begin(kFormats), std::end(kFormats),
+                                    [&](const auto& f) { return Is(format, f.name); });
+    if (known == std::end(kFormats))
+        Fail("Unknown BinaryFormat '" + format + "'.");
+    m_format = known->format;
+    m_bytes = known->bytes;
+    m_bigEndian = Is(ini.Get("Binary Infos", "UseBigEndianOrder"), "YES");
+}
+
+void BrainVision::ReadChannels(const ecIniText& ini)
 {
     m_factors.assign(static_cast<size_t>(GetNumChans()), 1e-6f);
-    for (int c = 0; c < GetNumChans(); ++c) {
-        const auto entry = channels.find("Ch" + std::to_string(c + 1));
-        if (entry == channels.end())
+    const ecIniText::Section* channels = ini.Find("Channel Infos");
+    for (int c = 0; channels && c < GetNumChans(); ++c) {
+        const auto entry = channels->find("ch" + std::to_string(c + 1));
+        if (entry == channels->end())
             continue;
-        const std::vector<std::string> f = Fields(entry->second);
-        std::string name = f.empty() ? std::string() : f[0];
-        if (!name.empty())
-            SetChanName(c, name);
+        std::vector<std::string> f = Fields(entry->second);
+        if (!f.empty() && !f[0].empty())
+            SetChanName(c, f[0]);
         double resolution = 1;
         if (f.size() > 2 && !TrimBlanks(f[2]).empty() && !ParseReal(f[2], resolution))
             Fail("Invalid resolution '" + f[2] + "' of channel " + std::to_string(c + 1) + ".");
         std::string unit = f.size() > 3 ? TrimBlanks(f[3]) : std::string();
-        const double volts = VoltsPerUnit(unit);
+        const double volts = unit.empty() ? 1e-6 : VoltsPerUnit(unit);
         m_factors[static_cast<size_t>(c)] = static_cast<float>(resolution * (volts > 0 ? volts : 1.0));
         if (volts > 0)
             unit = "V";
@@ -251,29 +206,18 @@ void BrainVision::ReadChannels(const std::map<std::string, std::string>& channel
     }
 }
 
-void BrainVision::SetTimeBase(const Sections& ini, long long dataBytes)
+void BrainVision::SetTimeBase(const ecIniText& ini, long long dataBytes)
 {
     double interval = 0;
-    if (!ParseReal(Get(ini, "Common Infos", "SamplingInterval"), interval) || !(interval > 0) ||
-        !(static_cast<float>(interval * 1e-6) > 0) || !std::isfinite(static_cast<float>(interval * 1e-6)))
-        Fail("Invalid SamplingInterval '" + Get(ini, "Common Infos", "SamplingInterval") + "'.");
-    const long long sliceBytes = static_cast<long long>(GetNumChans()) * m_bytes;
-    const long long held = dataBytes / sliceBytes;
-    double declared = -1;
-    const std::string points = Get(ini, "Common Infos", "DataPoints");
-    if (!points.empty() && (!ParseReal(points, declared) || declared < 0))
-        Fail("Invalid DataPoints '" + points + "'.");
-    if (declared > static_cast<double>(held))
-        Fail("The data file " + m_dataFile + " holds " + std::to_string(dataBytes) + " bytes, fewer than DataPoints=" +
-             points + " needs.");
-    m_points = declared >= 0 ? static_cast<long long>(declared) : held;
-    if (m_points > 0x7FFFFFFF)
-        Fail("The recording holds more than 2147483647 slices.");
+    const std::string intervalText = ini.Get(kCommon, "SamplingInterval");
+    if (!ParseReal(intervalText, interval) || !(interval > 0) || !(static_cast<float>(interval * 1e-6) > 0) ||
+        !std::isfinite(static_cast<float>(interval * 1e-6)))
+        Fail("Invalid SamplingInterval '" + intervalText + "'.");
     SetSampleRate(static_cast<float>(interval * 1e-6), 1);
-    SetNumSlices(static_cast<int>(m_points));
-    double segment = 0;
-    const bool segmented = Get(ini, "Common Infos", "SegmentationType") == "MARKERBASED" &&
-                           ParseReal(Get(ini, "Common Infos", "SegmentDataPoints"), segment) && segment >= 1 &&
+    CountSlices(ini, dataBytes);
+    double segment = -1;
+    const bool segmented = Is(ini.Get(kCommon, "SegmentationType"), "MARKERBASED") &&
+                           ParseCount(ini.Get(kCommon, "SegmentDataPoints"), segment) && segment >= 1 &&
                            segment <= static_cast<double>(std::max(1LL, m_points));
     SetRunType(segmented ? kRunMultiEpoch : kRunContinuous);
     SetEpochSlices(segmented ? static_cast<int>(segment) : static_cast<int>(m_points));
@@ -281,49 +225,68 @@ void BrainVision::SetTimeBase(const Sections& ini, long long dataBytes)
     SetValidEpochCnt(GetNumEpochs());
 }
 
+void BrainVision::CountSlices(const ecIniText& ini, long long dataBytes)
+{
+    const std::string points = ini.Get(kCommon, "DataPoints");
+    double declared = -1;
+    if (!ParseCount(points, declared))
+        Fail("Invalid DataPoints '" + points + "'.");
+    const bool ahdr = Is(GetFileNameExtension(GetInputFileName()), "ahdr");
+    m_stored = StoredValues(ahdr, GetNumChans(), m_bytes, dataBytes, declared);
+    // An export cut short promises more than it holds: the whole slices that are there are read.
+    const long long held = dataBytes / (static_cast<long long>(m_stored) * m_bytes);
+    m_points = declared >= 0 && declared < static_cast<double>(held) ? static_cast<long long>(declared) : held;
+    if (m_points > 0x7FFFFFFF)
+        Fail("The recording holds more than 2147483647 slices.");
+    SetNumSlices(static_cast<int>(m_points));
+}
+
+// Every sample format and byte order through one tiled conversion.
+void BrainVision::Decode(const uint8_t* src, size_t stride, long long samples, size_t rowCount, float* const* rows,
+                         const float* factors) const
+{
+    const std::vector<float> none(rowCount, 0.0f);
+    auto run = [&](auto decode) {
+        Deinterleave(src, static_cast<size_t>(samples), rowCount, static_cast<size_t>(m_bytes), stride, rows,
+                     none.data(), factors, decode);
+    };
+    const bool be = m_bigEndian;
+    auto u16 = [be](const uint8_t* p) { return be ? LoadU16BE(p) : LoadU16LE(p); };
+    auto u32 = [be](const uint8_t* p) { return be ? LoadU32BE(p) : LoadU32LE(p); };
+    switch (m_format) {
+    case kInt16: return run([u16](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(u16(p))); });
+    case kUInt16: return run([u16](const uint8_t* p) { return static_cast<float>(u16(p)); });
+    case kInt32: return run([u32](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(u32(p))); });
+    default: return run([u32](const uint8_t* p) { return BitsToFloat(u32(p)); });
+    }
+}
+
+void BrainVision::ReadRaw(long long offset, size_t bytes)
+{
+    m_raw.resize(bytes);
+    if (ReadAt(GetInputFilePointer(), offset, m_raw.data(), bytes) != bytes)
+        throw ecError("[BrainVision::ReadData] Error in reading the data file.", 1, 0, -1, -1);
+}
+
 int BrainVision::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     const long long n = PrepareBlock(data, first, count, "BrainVision");
     const long channels = GetNumChans();
-    FILE* fp = GetInputFilePointer();
-    // Every sample format and byte order through one tiled conversion.
-    auto convert = [&](const uint8_t* src, size_t stride, long long samples, size_t rowCount, float* const* rows,
-                       const float* factors) {
-        const std::vector<float> none(rowCount, 0.0f);
-        auto run = [&](auto decode) {
-            Deinterleave(src, static_cast<size_t>(samples), rowCount, static_cast<size_t>(m_bytes), stride, rows,
-                         none.data(), factors, decode);
-        };
-        const bool be = m_bigEndian;
-        switch (m_format) {
-        case kInt16: return run([be](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(be ? LoadU16BE(p) : LoadU16LE(p))); });
-        case kUInt16: return run([be](const uint8_t* p) { return static_cast<float>(be ? LoadU16BE(p) : LoadU16LE(p)); });
-        case kInt32: return run([be](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(be ? LoadU32BE(p) : LoadU32LE(p))); });
-        default: return run([be](const uint8_t* p) { return BitsToFloat(be ? LoadU32BE(p) : LoadU32LE(p)); });
-        }
-    };
-    auto readAt = [&](long long offset, size_t bytes) {
-        m_raw.resize(bytes);
-        if (ReadAt(fp, offset, m_raw.data(), bytes) != bytes)
-            throw ecError("[BrainVision::ReadData] Error in reading the data file.", 1, 0, -1, -1);
-    };
-    const long long sliceBytes = static_cast<long long>(channels) * m_bytes;
+    const long long sliceBytes = std::max(1LL, static_cast<long long>(m_stored) * m_bytes);
     const long long perBlock = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / sliceBytes);
+    std::vector<float*> rows(static_cast<size_t>(channels));
     for (long long done = 0; done < n;) {
         const long long take = std::min(perBlock, n - done);
+        for (long c = 0; c < channels; ++c)
+            rows[static_cast<size_t>(c)] = data[c] + done;
         if (!m_vectorized) {
-            readAt((first + done) * sliceBytes, static_cast<size_t>(take * sliceBytes));
-            std::vector<float*> rows(static_cast<size_t>(channels));
-            for (long c = 0; c < channels; ++c)
-                rows[static_cast<size_t>(c)] = data[c] + done;
-            convert(m_raw.data(), static_cast<size_t>(sliceBytes), take, static_cast<size_t>(channels), rows.data(),
-                    m_factors.data());
-        } else {
-            for (long c = 0; c < channels; ++c) {
-                readAt((c * m_points + first + done) * m_bytes, static_cast<size_t>(take * m_bytes));
-                float* row = data[c] + done;
-                convert(m_raw.data(), static_cast<size_t>(m_bytes), take, 1, &row, &m_factors[static_cast<size_t>(c)]);
-            }
+            ReadRaw((first + done) * sliceBytes, static_cast<size_t>(take * sliceBytes));
+            Decode(m_raw.data(), static_cast<size_t>(sliceBytes), take, rows.size(), rows.data(), m_factors.data());
+        }
+        for (long c = 0; m_vectorized && c < channels; ++c) {
+            ReadRaw((c * m_points + first + done) * m_bytes, static_cast<size_t>(take * m_bytes));
+            Decode(m_raw.data(), static_cast<size_t>(m_bytes), take, 1, &rows[static_cast<size_t>(c)],
+                   &m_factors[static_cast<size_t>(c)]);
         }
         done += take;
     }
@@ -332,34 +295,17 @@ int BrainVision::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 
 int BrainVision::InitialEventList(ecEventList* events, ecProgressDlg*)
 {
-    std::string text;
-    if (!events || m_markerFile.empty() || !ReadText(m_markerFile, text))
+    ecIniText ini;
+    if (!events || m_markerFile.empty() || !ini.ReadFile(m_markerFile, kMaxHeaderBytes))
         return 0;  // a recording without its marker file simply has no markers
-    const Sections ini = ParseIni(text);
-    const auto markers = ini.find("Marker Infos");
-    if (markers == ini.end())
+    const ecIniText::Section* markers = ini.Find("Marker Infos");
+    if (!markers)
         return 0;
     std::vector<std::pair<long, ecEvent>> numbered;
-    for (const auto& [key, value] : markers->second) {
-        if (key.compare(0, 2, "Mk") != 0)
-            continue;
-        const std::vector<std::string> f = Fields(value);
-        double position = 0, size = 0;
-        const bool positionOk = f.size() >= 3 && ParseReal(f[2], position) && position >= 1 && position <= 2147483647.0;
-        const bool sizeOk = f.size() <= 3 || TrimBlanks(f[3]).empty() || (ParseReal(f[3], size) && size >= 0 && size <= 2147483647.0);
-        if (!positionOk || !sizeOk)
-            throw ecError("[BrainVision::InitialEventList] Invalid marker " + key + "=" + value);
+    for (const auto& [key, value] : *markers) {
         ecEvent e;
-        e.SetBegin(static_cast<long>(position) - 1);
-        if (f[0] == "New Segment") {
-            e.SetSegmentBoundaryDefaults();
-        } else {
-            e.SetEventName(f[1].empty() ? f[0] : f[0] + "/" + f[1]);
-            e.SetEventCode(TrailingNumber(f[1]));
-            e.SetKind(f[0] == "Response" ? 3 : 2);
-            e.SetEnd(e.GetBegin() + static_cast<long>(size));
-        }
-        numbered.emplace_back(std::atol(key.c_str() + 2), e);
+        if (key.compare(0, 2, "mk") == 0 && MarkerEvent(value, e))
+            numbered.emplace_back(std::atol(key.c_str() + 2), e);
     }
     // Markers in their numbered order (the map sorts "Mk10" before "Mk2").
     std::stable_sort(numbered.begin(), numbered.end(),
