@@ -11,6 +11,27 @@ namespace {
 const char* const kNoReader = ": The time series file is not set properly (pActiveFile=0).";
 
 std::string NoReaderText(const char* method) { return std::string("[CFilelib::") + method + "]" + kNoReader; }
+
+// The EDF annotation signal is the reader's last channel; callers of the facade see neither
+// the channel nor its row.
+bool HidesLastChannel(ecFilebase& reader)
+{
+    if (reader.GetFileMFR() != 21)
+        return false;
+    auto* edf = dynamic_cast<CEDF_BDF*>(&reader);
+    return edf && edf->GetAnnotationSignal() != -1;
+}
+
+int ReadVisibleRows(ecFilebase& reader, ecLabeledMatrix<float>& data, int first, int count)
+{
+    const int read = reader.ReadData(data, first, count);
+    if (HidesLastChannel(reader)) {
+        std::string label;
+        reader.GetChanName(reader.GetNumChans() - 1, label);
+        data.DeleteLabeledRow(label);
+    }
+    return read;
+}
 }  // namespace
 
 ecFilebase& CFilelib::Require(const char* method)
@@ -138,11 +159,7 @@ int CFilelib::GetNumChans()
 {
     if (!m_activeFile)
         return 0;
-    // The EDF annotation signal is the reader's last channel; callers of the facade do not see it.
-    if (m_activeFile->GetFileMFR() == 21)
-        if (auto* edf = dynamic_cast<CEDF_BDF*>(m_activeFile.get()); edf && edf->GetAnnotationSignal() != -1)
-            return edf->GetNumChans() - 1;
-    return m_activeFile->GetNumChans();
+    return m_activeFile->GetNumChans() - (HidesLastChannel(*m_activeFile) ? 1 : 0);
 }
 
 int CFilelib::GetNumChans(int typeMask)
@@ -197,7 +214,7 @@ int CFilelib::ReadData(ecLabeledMatrix<float>& data, int firstSlice, int numSlic
 {
     if (!m_activeFile)
         return 0;
-    const int read = m_activeFile->ReadData(data, firstSlice, numSlices);
+    const int read = ReadVisibleRows(*m_activeFile, data, firstSlice, numSlices);
     if (read > 0)
         ApplyCalibration(data);
     return read;
@@ -232,7 +249,7 @@ bool CFilelib::ReadOneRawSlice(std::vector<float>& values, int slice)
     if (!m_activeFile)
         return false;
     ecLabeledMatrix<float> one;
-    if (m_activeFile->ReadData(one, slice, 1) != 1)
+    if (ReadVisibleRows(*m_activeFile, one, slice, 1) != 1)
         return false;
     values.resize(static_cast<size_t>(one.nrow()));
     for (long r = 0; r < one.nrow(); ++r)
