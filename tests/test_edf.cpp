@@ -83,92 +83,57 @@ TEST(EDF, TheFacadeDeliversOneRowPerChannelItCounts)
 }
 
 // physical = (digital - dmin) x (pmax - pmin) / (dmax - dmin) + pmin in double, in volts for a
-// voltage, rounded once to float: exact near zero even beside a large offset.
-TEST(EDF, PhysicalValuesInDoubleThenVoltsOrTheStatedUnit)
+// voltage, rounded once to float: exact near zero even beside a large offset. Trigger channels,
+// by name or transducer type, deliver codes without a unit (BioSemi's Status the low 16 bits of
+// its word) and list one event per change to a non-zero code.
+TEST(EDF, PhysicalValuesAndTriggerCodes)
 {
     TempDir dir;
+    const int lo16 = -32768, hi16 = 32767, lo24 = -8388608, hi24 = 8388607;
+    const int w = 0x1C0000;  // BioSemi's Status sets bits above its trigger lines
     const struct {
         bool bdf;
-        const char *unit, *shown, *pmin, *pmax;
+        const char *label, *transducer, *unit, *pmin, *pmax;
         int dmin, dmax;
-        double toUnit;
-    } rows[] = {{false, "mV", "V", "0", "6553.5", -32768, 32767, 1e-3},
-                {false, "pA", "pA", "0", "6553.5", -32768, 32767, 1},
-                {false, "uV", "V", "-100", "100", -32768, 32767, 1e-6},
-                {true, "uV", "V", "0", "1677721", -8388608, 8388607, 1e-6}};
+        std::vector<int> stored;
+        double toUnit;  // 0: a trigger channel delivering `codes`
+        std::vector<float> codes;
+    } rows[] = {
+        {false, "C3", "", "mV", "0", "6553.5", lo16, hi16, {lo16, lo16 + 1, lo16 + 2, 0, hi16}, 1e-3, {}},
+        {false, "C3", "", "pA", "0", "6553.5", lo16, hi16, {lo16, lo16 + 1, lo16 + 2, 0, hi16}, 1, {}},
+        {false, "C3", "", "uV", "-100", "100", lo16, hi16, {lo16, lo16 + 1, lo16 + 2, 0, hi16}, 1e-6, {}},
+        {true, "C3", "", "uV", "0", "1677721", lo24, hi24, {lo24, lo24 + 1, lo24 + 2, 0, hi24}, 1e-6, {}},
+        {true, "Status", "", "uV", "-187470", "187470", lo24, hi24, {w, w + 4, w + 4, w, w + 2}, 0, {0, 4, 4, 0, 2}},
+        {false, "DIG DTRIG", "", "", "0", "100", lo16, hi16, {lo16, hi16, hi16, lo16, hi16}, 0, {0, 100, 100, 0, 100}},
+        {false, "trigger", "", "uV", "0", "100", 0, 100, {0, 4, 4, 0, 2}, 0, {0, 4, 4, 0, 2}},
+        {false, "STI 014", "", "uV", "0", "100", 0, 100, {0, 4, 4, 0, 2}, 0, {0, 4, 4, 0, 2}},
+        {false, "Ext", "Triggers and Status", "uV", "0", "100", 0, 100, {0, 4, 4, 0, 2}, 0, {0, 4, 4, 0, 2}},
+    };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.unit);
+        SCOPED_TRACE(std::string(row.label) + " " + row.unit);
         EdfSpec spec;
         spec.bdf = row.bdf;
-        const std::vector<int> stored = {row.dmin, row.dmin + 1, row.dmin + 2, 0, row.dmax};
-        spec.signals = {Sig("C3", 5, stored, row.unit)};
-        spec.signals[0].physMin = row.pmin;
-        spec.signals[0].physMax = row.pmax;
-        spec.signals[0].digMin = std::to_string(row.dmin);
-        spec.signals[0].digMax = std::to_string(row.dmax);
+        EdfSignal& s = spec.signals.emplace_back(Sig(row.label, 5, row.stored, row.unit));
+        s.transducer = row.transducer;
+        s.physMin = row.pmin, s.physMax = row.pmax;
+        s.digMin = std::to_string(row.dmin), s.digMax = std::to_string(row.dmax);
         CEDF_BDF r(Write(dir, row.bdf ? "v.bdf" : "v.edf", spec).c_str());
         r.Initialize(0);
         ecLabeledMatrix<float> m;
+        ecEventList events;
         ASSERT_EQ(r.ReadData(m, 0, 5), 5);
         const double pmin = std::stod(row.pmin), range = std::stod(row.pmax) - pmin;
-        for (int i = 0; i < 5; ++i)
-            EXPECT_FLOAT_EQ(m[0][i], static_cast<float>(
-                                         ((stored[i] - row.dmin) * range / (row.dmax - row.dmin) + pmin) * row.toUnit))
-                << i;
-        EXPECT_EQ(m.GetRowLabeledState(0).GetDataUnit(), row.shown);
-        EXPECT_EQ(r.GetChanType(0), kChanEEG);
-    }
-}
-
-// Trigger channels deliver their codes and list one event per change to a non-zero code.
-TEST(EDF, TriggerChannelsDeliverTheirCodes)
-{
-    TempDir dir;
-    const struct {
-        bool bdf;
-        const char *label, *transducer, *pmin, *pmax, *dmin, *dmax;
-        std::vector<int> stored, codes;
-    } rows[] = {
-        {true,
-         "Status",
-         "Triggers and Status",
-         "-187470",
-         "187470",
-         "-8388608",
-         "8388607",
-         {0x1C0000, 0x1C0004, 0x1C0004, 0x1C0000, 0x1C0002},
-         {0, 4, 4, 0, 2}},  // BioSemi: the low 16 bits
-        {false,
-         "DIG DTRIG",
-         "",
-         "0",
-         "100",
-         "-32768",
-         "32767",
-         {-32768, 32767, 32767, -32768, 32767},
-         {0, 100, 100, 0, 100}},
-        {false, "trigger", "", "0", "100", "0", "100", {0, 4, 4, 0, 2}, {0, 4, 4, 0, 2}},
-        {false, "STI 014", "", "0", "100", "0", "100", {0, 4, 4, 0, 2}, {0, 4, 4, 0, 2}},
-        {false, "Ext", "stimulus line", "0", "100", "0", "100", {0, 4, 4, 0, 2}, {0, 4, 4, 0, 2}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.label);
-        EdfSpec spec;
-        spec.bdf = row.bdf;
-        EdfSignal s = Sig(row.label, 5, row.stored, "uV");
-        s.transducer = row.transducer;
-        s.physMin = row.pmin, s.physMax = row.pmax, s.digMin = row.dmin, s.digMax = row.dmax;
-        spec.signals = {s};
-        CEDF_BDF r(Write(dir, row.bdf ? "t.bdf" : "t.edf", spec).c_str());
-        r.Initialize(0);
-        ecLabeledMatrix<float> m;
-        ASSERT_EQ(r.ReadData(m, 0, 5), 5);
-        EXPECT_EQ(std::vector<float>(m[0], m[0] + 5), std::vector<float>(row.codes.begin(), row.codes.end()));
-        EXPECT_EQ(r.GetChanType(0), kChanTrigger);
-        EXPECT_EQ(m.GetRowLabeledState(0).GetDataUnit(), "");
-        ecEventList events;
+        for (int i = 0; row.toUnit > 0 && i < 5; ++i) {
+            const double physical = (row.stored[i] - row.dmin) * range / (row.dmax - row.dmin) + pmin;
+            EXPECT_FLOAT_EQ(m[0][i], static_cast<float>(physical * row.toUnit)) << i;
+        }
+        EXPECT_EQ(m.GetRowLabeledState(0).GetDataUnit(), row.toUnit == 0 ? "" : row.toUnit == 1 ? row.unit : "V");
+        EXPECT_EQ(r.GetChanType(0), row.toUnit > 0 ? kChanEEG : kChanTrigger);
+        if (row.toUnit > 0)
+            continue;
+        EXPECT_EQ(std::vector<float>(m[0], m[0] + 5), row.codes);
         ASSERT_EQ(r.InitialEventList(&events, nullptr), 2);
-        EXPECT_EQ(Names(events)[1], std::to_string(row.codes[4]) + "@4-4");
+        EXPECT_EQ(Names(events)[1], std::to_string(static_cast<int>(row.codes[4])) + "@4-4");
     }
 }
 
@@ -322,33 +287,17 @@ TEST(EDFRealFiles, ChannelsLengthAnnotationsAndTriggers)
         int code, channels, eeg, slices, annotations, triggers;
         std::vector<std::string> first;  // of the annotations, then of the triggers
     } rows[] = {
-        {"edf/test.edf",
-         21,
-         139,
-         138,
-         3072,
-         5,
-         13,
-         {"start@0-0", "type A@69-200", "type A@200-712", "type B@1024-1024", "type A@1280-2560", "4096@512-512"}},
-        {"edf/test_utf8_annotations.edf",
-         21,
-         11,
-         11,
-         2000,
-         2,
-         0,
+        // clang-format off
+        {"edf/test.edf", 21, 139, 138, 3072, 5, 13, {"start@0-0", "type A@69-200", "type A@200-712",
+                                                     "type B@1024-1024", "type A@1280-2560", "4096@512-512"}},
+        {"edf/test_utf8_annotations.edf", 21, 11, 11, 2000, 2, 0,
          {"RECORD START@0-0", "\xE4\xBB\xB0\xE5\x8D\xA7@400-500"}},
-        {"edf/SC4001EC-Hypnogram.edf",
-         21,
-         0,
-         0,
-         0,
-         154,
-         0,
+        {"edf/SC4001EC-Hypnogram.edf", 21, 0, 0, 0, 154, 0,
          {"Sleep stage W@0-30630000", "Sleep stage 1@30630000-30750000"}},
         {"edf/test_edf_stim_channel.edf", 21, 25, 24, 1228, 0, 12, {"100@121-121", "100@170-170", "100@193-193"}},
         {"bdf/test.bdf", 22, 73, 72, 2048, 0, 1, {"128@589-589"}},
         {"bdf/test_bdf_stim_channel.bdf", 22, 4, 3, 5000, 0, 9, {"4@242-242", "2@310-310", "1@952-952"}},
+        // clang-format on
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.file);
