@@ -138,6 +138,11 @@ public:
     int FindAllTriggersDig(ecEventList* events, int eventKind, float minWord, int deadTime, bool onsetsOnly,
                            int mask, ecProgressDlg* progress);
 
+    // Capabilities the facade asks about. The trailing channels the facade does not count (an
+    // EDF+ annotation signal, listed last by its reader), and whether the file stores variances.
+    virtual int GetFacadeHiddenChannels() const { return 0; }
+    virtual bool DoesVarianceExist() const { return false; }
+
     // Derives the calibration factors (see Calibration.h).
     void Calibrate();
     ecCalibration& GetCalibration() { return m_calibration; }

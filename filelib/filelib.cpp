@@ -3,14 +3,23 @@
 #include <stdexcept>
 
 #include "filelib/ReaderTable.h"
-#include "filelib/readers/EDF_BDF.h"
 #include "filelib/readers/Generic.h"
-#include "filelib/readers/neuroscn.h"
 
 namespace {
 const char* const kNoReader = ": The time series file is not set properly (pActiveFile=0).";
 
 std::string NoReaderText(const char* method) { return std::string("[CFilelib::") + method + "]" + kNoReader; }
+
+// The facade shows the rows of the channels it counts: an EDF+ annotation signal, the reader's
+// last channel, is neither counted nor delivered.
+void DropHiddenRow(ecFilebase& reader, ecLabeledMatrix<float>& data)
+{
+    if (reader.GetFacadeHiddenChannels() > 0) {
+        std::string label;
+        reader.GetChanName(reader.GetNumChans() - 1, label);
+        data.DeleteLabeledRow(label);
+    }
+}
 }  // namespace
 
 ecFilebase& CFilelib::Require(const char* method)
@@ -139,11 +148,7 @@ int CFilelib::GetNumChans()
 {
     if (!m_activeFile)
         return 0;
-    // The EDF annotation signal is the reader's last channel; callers of the facade do not see it.
-    if (m_activeFile->GetFileMFR() == 21)
-        if (auto* edf = dynamic_cast<CEDF_BDF*>(m_activeFile.get()); edf && edf->GetAnnotationSignal() != -1)
-            return edf->GetNumChans() - 1;
-    return m_activeFile->GetNumChans();
+    return m_activeFile->GetNumChans() - m_activeFile->GetFacadeHiddenChannels();
 }
 
 int CFilelib::GetNumChans(int typeMask)
@@ -196,7 +201,11 @@ float CFilelib::GetDuration()
 
 int CFilelib::ReadData(ecLabeledMatrix<float>& data, int firstSlice, int numSlices)
 {
-    return m_activeFile ? m_activeFile->ReadCalibrated(data, firstSlice, numSlices) : 0;
+    if (!m_activeFile)
+        return 0;
+    const int read = m_activeFile->ReadCalibrated(data, firstSlice, numSlices);
+    DropHiddenRow(*m_activeFile, data);
+    return read;
 }
 
 int CFilelib::InitialEventList(ecEventList* events, ecProgressDlg* progress)
@@ -211,6 +220,7 @@ bool CFilelib::ReadOneRawSlice(std::vector<float>& values, int slice)
     ecLabeledMatrix<float> one;
     if (m_activeFile->ReadData(one, slice, 1) != 1)
         return false;
+    DropHiddenRow(*m_activeFile, one);
     values.resize(static_cast<size_t>(one.nrow()));
     for (long r = 0; r < one.nrow(); ++r)
         values[static_cast<size_t>(r)] = one[r][0];
@@ -305,8 +315,7 @@ bool CFilelib::WriteHeader()
 
 bool CFilelib::DoesVarianceExist()
 {
-    auto* neuroscan = m_iFileSource == 4 ? dynamic_cast<CNeuroscan*>(m_activeFile.get()) : nullptr;
-    return neuroscan && neuroscan->DoesVarianceExist();
+    return m_activeFile && m_activeFile->DoesVarianceExist();
 }
 // No metafile reader is built in, so the metafile calls answer their neutral values.
 std::string CFilelib::GetCurrentFileName(int) { return std::string(); }

@@ -33,18 +33,36 @@ double VoltsPerUnit(const std::string& unit)
 
 bool IsAnnotationLabel(const std::string& label) { return label == "EDF Annotations" || label == "BDF Annotations"; }
 
-bool IsTriggerLabel(std::string label)
+bool Contains(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
+
+// Trigger channels by name (Status, Trigger, STI 014, DIG DTRIG, ...) or by transducer type
+// ("Triggers and Status", "stimulus"), in any letter case.
+bool IsTrigger(std::string label, std::string transducer)
 {
     ToUpper(label);
-    return label == "STATUS" || label.find("TRIG") != std::string::npos || label.compare(0, 3, "STI") == 0;
+    ToUpper(transducer);
+    return Contains(label, "TRIG") || Contains(label, "STATUS") || label.compare(0, 3, "STI") == 0 ||
+           Contains(transducer, "TRIG") || Contains(transducer, "STIM") || Contains(transducer, "STATUS");
 }
 
-inline int32_t Digital(const uint8_t* p, int bytes)
+// An onset ("+12.5", "-0.3") or a duration ("0.25"): sign (onsets only), digits, optional fraction.
+bool ParseSeconds(const std::string& text, bool isOnset, double& out)
 {
-    if (bytes == 2)
-        return static_cast<int16_t>(LoadU16LE(p));
-    const int32_t v = p[0] | (p[1] << 8) | (p[2] << 16);
-    return (v & 0x800000) ? v - 0x1000000 : v;
+    if (isOnset && (text.empty() || (text[0] != '+' && text[0] != '-')))
+        return false;
+    size_t pos = isOnset ? 1 : 0;
+    size_t digits = 0;
+    bool point = false;
+    for (; pos < text.size(); ++pos) {
+        if (text[pos] == '.' && !point)
+            point = true;
+        else if (text[pos] >= '0' && text[pos] <= '9')
+            ++digits;
+        else
+            return false;
+    }
+    out = std::strtod(text.c_str(), nullptr);
+    return digits > 0 && std::isfinite(out);
 }
 
 // One time-stamped annotation list of EDF+: "+onset[\x15duration]\x14text\x14...\x14".
@@ -54,51 +72,36 @@ struct Tal {
     std::vector<std::string> texts;
 };
 
-bool ParseTal(const std::string& tal, Tal& out)
+bool ParseTalHeader(const std::string& header, Tal& out)
 {
-    const size_t headerEnd = tal.find('\x14');
-    if (headerEnd == std::string::npos || tal.empty() || (tal[0] != '+' && tal[0] != '-'))
-        return false;
-    const std::string header = tal.substr(0, headerEnd);
     const size_t split = header.find('\x15');
-    char* stop = nullptr;
-    const std::string onset = header.substr(0, split);
-    out.onset = std::strtod(onset.c_str(), &stop);
-    if (*stop != '\0' || !std::isfinite(out.onset))
-        return false;
     out.duration = 0;
-    if (split != std::string::npos) {
-        const std::string duration = header.substr(split + 1);
-        out.duration = std::strtod(duration.c_str(), &stop);
-        if (*stop != '\0' || !std::isfinite(out.duration))
-            return false;
-    }
-    out.texts.clear();
-    size_t pos = headerEnd + 1;
-    while (pos < tal.size()) {
-        size_t end = tal.find('\x14', pos);
-        if (end == std::string::npos)
-            end = tal.size();
-        if (end > pos)
-            out.texts.push_back(tal.substr(pos, end - pos));
-        pos = end + 1;
-    }
-    return true;
+    return ParseSeconds(header.substr(0, split), true, out.onset) &&
+           (split == std::string::npos || ParseSeconds(header.substr(split + 1), false, out.duration));
 }
 
-// The TALs of one annotation signal's bytes in one record.
+// The TALs of one annotation signal's bytes in one record. TALs end with a NUL byte, but some
+// exporters leave it out between entries; a field that reads as an onset therefore always
+// starts a new TAL. Fields ahead of any onset belong to no TAL and are dropped.
 std::vector<Tal> ParseTals(const std::vector<uint8_t>& bytes)
 {
     std::vector<Tal> tals;
-    size_t pos = 0;
-    while (pos < bytes.size()) {
-        const uint8_t* start = bytes.data() + pos;
-        const void* nul = std::memchr(start, 0, bytes.size() - pos);
-        const size_t len = nul ? static_cast<size_t>(static_cast<const uint8_t*>(nul) - start) : bytes.size() - pos;
+    bool open = false;
+    for (size_t pos = 0; pos < bytes.size();) {
+        size_t end = pos;
+        while (end < bytes.size() && bytes[end] != 0x14 && bytes[end] != 0)
+            ++end;
+        const std::string field(reinterpret_cast<const char*>(bytes.data()) + pos, end - pos);
+        const bool terminated = end < bytes.size() && bytes[end] == 0x14;
         Tal tal;
-        if (len > 0 && ParseTal(std::string(reinterpret_cast<const char*>(start), len), tal))
+        if (terminated && ParseTalHeader(field, tal)) {
             tals.push_back(tal);
-        pos += len + 1;
+            open = true;
+        } else if (open && !field.empty()) {
+            tals.back().texts.push_back(field);
+        }
+        open = open && terminated;
+        pos = end + 1;
     }
     return tals;
 }
@@ -141,12 +144,10 @@ void CEDF_BDF::Initialize(int bytesPerSample)
 
     m_headerBytes = headerBytes;
     m_duration = duration;
-    const long long available = m_fileSize - headerBytes;
-    if (records == -1)
-        records = available / m_recordBytes;  // still recording: what the file holds
-    else if (records > available / m_recordBytes)
-        records = (available + m_recordBytes - 1) / m_recordBytes;  // a partial last record is read as far as it goes
-    m_records = records;
+    // Only complete records are data: a file cut short (or still being written, -1) holds
+    // fewer than its header may promise.
+    const long long complete = (m_fileSize - headerBytes) / m_recordBytes;
+    m_records = records == -1 ? complete : std::min(records, complete);
     const std::string reserved = ByteCursor(fixed.data(), fixed.size()).str(192, 44);
     m_discontinuous = reserved.compare(0, 5, "EDF+D") == 0 || reserved.compare(0, 5, "BDF+D") == 0;
     SetChannels();
@@ -203,18 +204,36 @@ void CEDF_BDF::ParseSignals(const std::vector<uint8_t>& header, long signals)
         if (dmin == dmax)
             Fail("Digital minimum equals digital maximum" + which + ".");
         s.annotation = IsAnnotationLabel(s.label);
-        const double volts = VoltsPerUnit(s.unit);
-        const double toUnit = volts > 0 ? volts : 1.0;
-        s.gain = (pmax - pmin) / static_cast<double>(dmax - dmin) * toUnit;
-        s.offset = (pmin - static_cast<double>(dmin) * (pmax - pmin) / static_cast<double>(dmax - dmin)) * toUnit;
-        if (volts > 0)
-            s.unit = "V";
-        s.gainF = static_cast<float>(s.gain);
-        s.offsetF = static_cast<float>(s.offset);
+        if (!s.annotation && pmin == pmax)
+            Fail("Physical minimum equals physical maximum" + which + ".");
+        s.trigger = !s.annotation && IsTrigger(s.label, field(16, 80, i));
+        SetScaling(s, pmin, pmax, dmin, dmax);
         s.samples = static_cast<long>(samples);
         s.byteOffset = m_recordBytes;
         m_recordBytes += samples * m_bytes;
     }
+}
+
+// physical = (digital - dmin) x (pmax - pmin) / (dmax - dmin) + pmin, written as
+// (digital + shift) x gain with both factors in double: the sum is exact whenever the shift is a
+// whole number, as it is for the usual headers, so each sample is rounded to float only once.
+// Voltages are delivered in volts. A trigger channel keeps its codes: BioSemi's Status as the
+// 16-bit trigger word of its stored value, any other in its own physical unit.
+void CEDF_BDF::SetScaling(Signal& s, double pmin, double pmax, long long dmin, long long dmax) const
+{
+    const double perDigital = (pmax - pmin) / static_cast<double>(dmax - dmin);
+    const double volts = s.trigger ? 0.0 : VoltsPerUnit(s.unit);
+    s.gain = perDigital * (volts > 0 ? volts : 1.0);
+    s.shift = pmin * static_cast<double>(dmax - dmin) / (pmax - pmin) - static_cast<double>(dmin);
+    s.triggerWord = s.trigger && m_bytes == 3 && IsEqual(s.label, "Status", false);
+    if (s.triggerWord) {
+        s.gain = 1;
+        s.shift = 0;
+    }
+    if (s.trigger || s.annotation)
+        s.unit.clear();
+    else if (volts > 0)
+        s.unit = "V";
 }
 
 void CEDF_BDF::SetChannels()
@@ -234,27 +253,22 @@ void CEDF_BDF::SetChannels()
     if (hasData && !(m_duration > 0))
         Fail("A record duration of 0 leaves the data signals without a sample rate.");
     m_rate = hasData ? m_fastest / m_duration : kAnnotationOnlyRate;
-    if (annotationSignal >= 0)
+    // The data may begin a fraction of a second after the header's start time; record 0's
+    // time-keeping annotation says how much, and every onset is counted from the data.
+    m_timekeeping = annotationSignal;
+    const double offset = annotationSignal >= 0 && m_records > 0 ? TimekeepingOnset(0) : 0.0;
+    m_startOffset = std::isnan(offset) ? 0.0 : offset;
+    // EDF lists its annotation signal as the last channel (switched off); BDF does not list it.
+    if (annotationSignal >= 0 && m_bytes == 2)
         m_channelSignal.push_back(annotationSignal);
-    m_annotationChannel = annotationSignal >= 0 ? static_cast<int>(m_channelSignal.size()) - 1 : -1;
+    m_annotationChannel = annotationSignal >= 0 && m_bytes == 2 ? static_cast<int>(m_channelSignal.size()) - 1 : -1;
     if (m_discontinuous && hasData && annotationSignal >= 0)
         PlaceRecords();
     const long long slices = !hasData ? 0 : m_discontinuous && !m_recordStart.empty() ? m_recordStart.back() + m_fastest
                                                                                         : m_records * m_fastest;
     if (slices > INT_MAX)
         Fail("The recording holds more than 2147483647 slices.");
-
-    SetNumChans(static_cast<int>(m_channelSignal.size()));
-    for (size_t c = 0; c < m_channelSignal.size(); ++c) {
-        const Signal& s = m_signals[static_cast<size_t>(m_channelSignal[c])];
-        const int chan = static_cast<int>(c);
-        std::string label = s.label, unit = s.annotation ? std::string() : s.unit;
-        SetChanName(chan, label);
-        SetChanUnit(chan, unit);
-        SetChanScale(chan, static_cast<float>(s.gain));
-        SetChanOffset(chan, static_cast<float>(s.offset));
-        SetChanType(chan, s.annotation ? kChanOff : IsTriggerLabel(s.label) ? kChanTrigger : kChanEEG);
-    }
+    ListChannels();
     SetSampleRate(static_cast<float>(m_rate), 0);
     SetNumSlices(static_cast<int>(slices));
     SetRunType(kRunContinuous);
@@ -263,31 +277,51 @@ void CEDF_BDF::SetChannels()
     SetValidEpochCnt(1);
 }
 
+void CEDF_BDF::ListChannels()
+{
+    SetNumChans(static_cast<int>(m_channelSignal.size()));
+    for (size_t c = 0; c < m_channelSignal.size(); ++c) {
+        const Signal& s = m_signals[static_cast<size_t>(m_channelSignal[c])];
+        const int chan = static_cast<int>(c);
+        std::string label = s.label, unit = s.unit;
+        SetChanName(chan, label);
+        SetChanUnit(chan, unit);
+        SetChanScale(chan, static_cast<float>(s.gain));
+        SetChanOffset(chan, static_cast<float>(s.shift * s.gain));
+        SetChanType(chan, s.annotation ? kChanOff : s.trigger ? kChanTrigger : kChanEEG);
+    }
+}
+
 std::vector<uint8_t> CEDF_BDF::SignalBytes(long long record, const Signal& s)
 {
-    // As far as the file goes: a header may promise more samples than the file holds.
     const long long at = m_headerBytes + record * m_recordBytes + s.byteOffset;
-    const long long wanted = std::min<long long>(static_cast<long long>(s.samples) * m_bytes, std::max(0LL, m_fileSize - at));
-    std::vector<uint8_t> bytes(static_cast<size_t>(wanted));
-    bytes.resize(wanted > 0 ? ReadAt(GetInputFilePointer(), at, bytes.data(), bytes.size()) : 0);
+    std::vector<uint8_t> bytes(static_cast<size_t>(s.samples * m_bytes));
+    bytes.resize(ReadAt(GetInputFilePointer(), at, bytes.data(), bytes.size()));
     return bytes;
+}
+
+// The onset of a record's time-keeping annotation (its first TAL) in seconds since the header's
+// start time, NaN when it has none.
+double CEDF_BDF::TimekeepingOnset(long long record)
+{
+    const std::vector<Tal> tals = ParseTals(SignalBytes(record, m_signals[static_cast<size_t>(m_timekeeping)]));
+    return tals.empty() ? std::nan("") : tals.front().onset;
 }
 
 // Discontinuous files: every record starts at the onset of its time-keeping annotation.
 void CEDF_BDF::PlaceRecords()
 {
-    const Signal& annotations = m_signals[static_cast<size_t>(m_channelSignal.back())];
     m_recordStart.clear();
     for (long long r = 0; r < m_records; ++r) {
-        const std::vector<Tal> tals = ParseTals(SignalBytes(r, annotations));
-        if (tals.empty())
+        const double onset = TimekeepingOnset(r) - m_startOffset;
+        if (std::isnan(onset))
             Fail("Record " + std::to_string(r + 1) + " of the discontinuous file has no time-keeping annotation.");
-        const long long start = std::llround(tals.front().onset * m_rate);
-        if (!m_recordStart.empty() && start < m_recordStart.back() + m_fastest)
+        const double start = std::round(onset * m_rate);
+        if (!m_recordStart.empty() && start < static_cast<double>(m_recordStart.back() + m_fastest))
             Fail("Record " + std::to_string(r + 1) + " of the discontinuous file starts before the previous one ends.");
-        if (start < 0 || start > INT_MAX)
+        if (!(start >= 0 && start <= INT_MAX))
             Fail("Record " + std::to_string(r + 1) + " of the discontinuous file starts outside the time base.");
-        m_recordStart.push_back(start);
+        m_recordStart.push_back(static_cast<long long>(start));
     }
 }
 
@@ -308,84 +342,90 @@ long long CEDF_BDF::RecordAt(long long slice) const
 int CEDF_BDF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     const long long n = PrepareBlock(data, first, count, "CEDF_BDF");
-    // Every slice is written below unless the range meets a gap or the file's cut end; the
-    // annotation row always reads as zeros.
-    const long long lastRecord = RecordAt(std::max<long long>(first + n - 1, 0));
-    if (m_discontinuous || m_headerBytes + (lastRecord + 1) * m_recordBytes > m_fileSize)
+    // Gaps between the records of a discontinuous file read as zeros, as does the annotation row.
+    if (m_discontinuous)
         data.zero();
     else if (m_annotationChannel >= 0)
         std::fill(data[m_annotationChannel], data[m_annotationChannel] + n, 0.0f);
-    if (n == 0)
-        return 0;
     const long long end = first + n;
     const long long recordsPerRead = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / m_recordBytes);
-    FILE* fp = GetInputFilePointer();
-    long long missing = 0;
-    for (long long r = RecordAt(first); r < m_records && RecordStart(r) < end;) {
+    for (long long r = RecordAt(first); n > 0 && r < m_records && RecordStart(r) < end; r += recordsPerRead) {
         const long long group = std::min(recordsPerRead, m_records - r);
-        const long long offset = m_headerBytes + r * m_recordBytes;
-        const size_t want = static_cast<size_t>(std::min(group * m_recordBytes, std::max(0LL, m_fileSize - offset)));
-        m_raw.resize(want);
-        const size_t got = want ? ReadAt(fp, offset, m_raw.data(), want) : 0;
-        for (long long k = 0; k < group && RecordStart(r + k) < end; ++k) {
-            const long long start = RecordStart(r + k);
-            const long long from = std::max<long long>(first, start), to = std::min(end, start + m_fastest);
-            if (from >= to)
-                continue;
-            const long long base = k * m_recordBytes;
-            const long long avail = std::clamp<long long>(static_cast<long long>(got) - base, 0, m_recordBytes);
-            if (avail == 0) {
-                missing += to - from;
-                continue;
-            }
-            const uint8_t* record = m_raw.data() + base;
-            for (size_t c = 0; c < m_channelSignal.size(); ++c) {
-                const Signal& s = m_signals[static_cast<size_t>(m_channelSignal[c])];
-                if (s.annotation)
-                    continue;
-                float* out = data[static_cast<long>(c)] + (from - first);
-                const long present = static_cast<long>(std::clamp<long long>((avail - s.byteOffset) / m_bytes, 0, s.samples));
-                const uint8_t* samples = record + s.byteOffset;
-                if (s.samples == m_fastest) {
-                    const long i0 = static_cast<long>(from - start), i1 = std::min<long>(static_cast<long>(to - start), present);
-                    DecodeRun(samples, i0, i1, s.gainF, s.offsetF, out);
-                    continue;
-                }
-                // A slower signal: the stored samples this slice range shows, decoded once, then held.
-                const long i0 = static_cast<long>((from - start) * s.samples / m_fastest);
-                const long i1 = static_cast<long>((to - 1 - start) * s.samples / m_fastest) + 1;
-                m_samples.assign(static_cast<size_t>(i1 - i0), 0.0f);
-                DecodeRun(samples, i0, std::min(i1, present), s.gainF, s.offsetF, m_samples.data());
-                for (long long t = from; t < to; ++t)
-                    out[t - from] = m_samples[static_cast<size_t>((t - start) * s.samples / m_fastest - i0)];
-            }
-        }
-        r += group;
+        m_raw.resize(static_cast<size_t>(group * m_recordBytes));
+        const size_t got = ReadAt(GetInputFilePointer(), m_headerBytes + r * m_recordBytes, m_raw.data(), m_raw.size());
+        const long long complete = static_cast<long long>(got) / m_recordBytes;
+        for (long long k = 0; k < complete && RecordStart(r + k) < end; ++k)
+            DecodeRecord(m_raw.data() + k * m_recordBytes, RecordStart(r + k), first, end, data);
+        if (complete < group)  // the file shrank since it was opened: what is left is not data
+            return static_cast<int>(std::clamp<long long>(RecordStart(r + complete) - first, 0, n));
     }
-    return static_cast<int>(n - missing);
+    return static_cast<int>(n);
 }
 
-// Samples [i0, i1) of one signal in one record into out[0 .. i1 - i0).
-void CEDF_BDF::DecodeRun(const uint8_t* samples, long i0, long i1, float gain, float offset, float* out) const
+// The slices [from, to) of one record that fall into the block [first, end).
+void CEDF_BDF::DecodeRecord(const uint8_t* record, long long start, long long first, long long end,
+                            ecLabeledMatrix<float>& data)
 {
-    if (m_bytes == 2) {
+    const long long from = std::max(first, start), to = std::min(end, start + m_fastest);
+    if (from >= to)
+        return;
+    for (size_t c = 0; c < m_channelSignal.size(); ++c) {
+        const Signal& s = m_signals[static_cast<size_t>(m_channelSignal[c])];
+        if (s.annotation)
+            continue;
+        float* out = data[static_cast<long>(c)] + (from - first);
+        const uint8_t* samples = record + s.byteOffset;
+        if (s.samples == m_fastest) {
+            DecodeRun(samples, static_cast<long>(from - start), static_cast<long>(to - start), s, out);
+            continue;
+        }
+        // A slower signal: the stored samples this slice range shows, decoded once, then held.
+        const long i0 = static_cast<long>((from - start) * s.samples / m_fastest);
+        const long i1 = static_cast<long>((to - 1 - start) * s.samples / m_fastest) + 1;
+        m_samples.resize(static_cast<size_t>(i1 - i0));
+        DecodeRun(samples, i0, i1, s, m_samples.data());
+        for (long long t = from; t < to; ++t)
+            out[t - from] = m_samples[static_cast<size_t>((t - start) * s.samples / m_fastest - i0)];
+    }
+}
+
+namespace {
+template <int Bytes>
+inline int32_t Digital(const uint8_t* p)
+{
+    if constexpr (Bytes == 2)
+        return static_cast<int16_t>(LoadU16LE(p));
+    return static_cast<int32_t>(static_cast<uint32_t>(p[0] << 8 | p[1] << 16 | p[2] << 24)) >> 8;
+}
+
+template <int Bytes>
+void DecodeSamples(const uint8_t* samples, long i0, long i1, double shift, double gain, bool word, float* out)
+{
+    if (word) {
         for (long i = i0; i < i1; ++i)
-            out[i - i0] = static_cast<float>(static_cast<int16_t>(LoadU16LE(samples + 2 * i))) * gain + offset;
+            out[i - i0] = static_cast<float>(Digital<Bytes>(samples + Bytes * i) & 0xFFFF);
         return;
     }
-    for (long i = i0; i < i1; ++i) {
-        const uint8_t* p = samples + 3 * i;
-        const int32_t v = static_cast<int32_t>(static_cast<uint32_t>(p[0] << 8 | p[1] << 16 | p[2] << 24)) >> 8;
-        out[i - i0] = static_cast<float>(v) * gain + offset;
-    }
+    for (long i = i0; i < i1; ++i)
+        out[i - i0] = static_cast<float>((Digital<Bytes>(samples + Bytes * i) + shift) * gain);
+}
+}  // namespace
+
+// Samples [i0, i1) of one signal in one record into out[0 .. i1 - i0).
+void CEDF_BDF::DecodeRun(const uint8_t* samples, long i0, long i1, const Signal& s, float* out) const
+{
+    if (m_bytes == 2)
+        DecodeSamples<2>(samples, i0, i1, s.shift, s.gain, s.triggerWord, out);
+    else
+        DecodeSamples<3>(samples, i0, i1, s.shift, s.gain, s.triggerWord, out);
 }
 
-// Seconds from the start of the recording to the nearest slice, kept within a range where
-// later arithmetic cannot overflow (onsets in a file can be anything).
+// Seconds from the start of the data to the nearest slice, kept within a range where later
+// arithmetic cannot overflow (onsets in a file can be anything).
 long CEDF_BDF::SliceOf(double seconds) const
 {
     constexpr double kLimit = 9.0e15;
-    const double slice = std::round(seconds * m_rate);
+    const double slice = std::round((seconds - m_startOffset) * m_rate);
     return static_cast<long>(std::isfinite(slice) ? std::clamp(slice, -kLimit, kLimit) : 0.0);
 }
 
@@ -426,41 +466,13 @@ void CEDF_BDF::AnnotationEvents(ecEventList& events, int& appended)
     appended += static_cast<int>(found.size());
 }
 
-void CEDF_BDF::StatusEvents(ecEventList& events, int& appended)
-{
-    const auto status = std::find_if(m_signals.begin(), m_signals.end(),
-                                     [](const Signal& s) { return IsEqual(s.label, "Status", false); });
-    if (m_bytes != 3 || status == m_signals.end())
-        return;
-    long previous = -1;
-    for (long long r = 0; r < m_records; ++r) {
-        const std::vector<uint8_t> bytes = SignalBytes(r, *status);
-        const long present = static_cast<long>(bytes.size()) / m_bytes;
-        for (long i = 0; i < present; ++i) {
-            const long word = Digital(&bytes[static_cast<size_t>(i) * m_bytes], m_bytes) & 0xFFFF;
-            if (previous >= 0 && word != 0 && word != previous) {
-                ecEvent e;
-                e.SetEventName(std::to_string(word));
-                e.SetEventCode(static_cast<int>(word));
-                e.SetKind(2);
-                e.SetCodeMask(0xFFFF);
-                const long slice = static_cast<long>(RecordStart(r) + i * m_fastest / status->samples);
-                e.SetBegin(slice);
-                e.SetEnd(slice);
-                events.AppendOneEvent(e);
-                ++appended;
-            }
-            previous = word;
-        }
-    }
-}
-
+// The trigger channels' events are exactly what the trigger search finds in the delivered
+// codes: one event per change to a non-zero code.
 int CEDF_BDF::InitialEventList(ecEventList* events, ecProgressDlg*)
 {
     if (!events)
         return 0;
     int appended = 0;
     AnnotationEvents(*events, appended);
-    StatusEvents(*events, appended);
-    return appended;
+    return appended + FindAllTriggersDig(events, 2, 0.5f, 0, false, m_bytes == 3 ? 0xFFFF : -1, nullptr);
 }

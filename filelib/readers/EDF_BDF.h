@@ -6,18 +6,26 @@
 // A file without data signals (annotations only) gets a 1000 Hz time base, so that its
 // annotations land on whole milliseconds.
 //
-// Channels: the data signals in file order, then the first annotation signal ("EDF
-// Annotations" / "BDF Annotations") as the last channel, whatever its position in the file
-// (switched off, delivered as zeros); further annotation signals are read for events only.
-// Values are in physical units, converted to volts when the physical dimension is a voltage
-// (nV, uV, µV, mV, V; the unit then reads "V"), else in the stated unit. "Status" and
-// trigger-like signals (labels Status, Trigger, STI..., or containing TRIG) carry type 0x8000.
+// Channels: the data signals in file order. An EDF lists its first annotation signal ("EDF
+// Annotations") as the last channel, whatever its position in the file (switched off, delivered
+// as zeros; the facade hides it); a BDF does not list its annotation signal. Further annotation
+// signals are read for events only. Only complete records are data: a file cut short delivers
+// the records it holds in full.
+//
+// Values: (digital - dmin) x (pmax - pmin) / (dmax - dmin) + pmin in double, converted to volts
+// when the physical dimension is a voltage (nV, uV, µV, mV, V; the unit then reads "V"), else in
+// the stated unit, rounded once to float. Trigger channels (type 0x8000: labels containing TRIG
+// or STATUS or starting with STI, or a transducer type naming trigger, stim or status, in any
+// letter case) deliver codes without a unit: a BDF Status its stored word's low 16 bits (the
+// BioSemi trigger lines), any other its physical value in its own unit.
 //
 // Events: EDF+/BDF+ annotations at round(onset x rate) with their text (UTF-8 as stored) as name,
 // code = the text's rank of first appearance (1, 2, ...), end - begin = round(duration x rate).
-// Discontinuous files (EDF+D/BDF+D) place every record at its own onset time; the slices of a
-// gap read as 0 and the record after a gap starts with a segment-boundary event. A BDF Status
-// signal gives one event per change of its low 16 bits to a non-zero value (slice 0 never fires).
+// Onsets count from the first record, which may start after the header's start time (the onset
+// of record 0's time-keeping annotation). Discontinuous files (EDF+D/BDF+D) place every record
+// at its own onset time; the slices of a gap read as 0 and the record after a gap starts with a
+// segment-boundary event. Every trigger channel gives one event per change of its code to a
+// non-zero value (slice 0 never fires), exactly as FindAllTriggersDig finds them.
 #pragma once
 
 #include <cstdint>
@@ -38,6 +46,8 @@ public:
 
     // Channel index of the listed annotation signal (always the last channel), or -1.
     int GetAnnotationSignal() const { return m_annotationChannel; }
+    // EDF+ lists its annotation signal as the last channel, which the facade does not count.
+    int GetFacadeHiddenChannels() const override { return m_annotationChannel != -1 ? 1 : 0; }
     int GetBytesPerSample() const { return m_bytes; }
     bool IsDiscontinuous() const { return m_discontinuous; }
 
@@ -45,24 +55,28 @@ private:
     struct Signal {
         std::string label;
         std::string unit;
-        double gain = 1;    // physical per digital, in delivered units
-        double offset = 0;  // delivered value = digital x gain + offset
-        float gainF = 1;    // the same in single precision, for the data path
-        float offsetF = 0;
-        long samples = 0;   // per record
+        double gain = 1;   // delivered value = (digital + shift) x gain
+        double shift = 0;
+        long samples = 0;  // per record
         long long byteOffset = 0;  // within a record
         bool annotation = false;
+        bool trigger = false;
+        bool triggerWord = false;  // BioSemi Status: the low 16 bits of the stored value
     };
 
     void ParseFixedHeader(const std::vector<uint8_t>& fixed, long long& headerBytes, long long& records,
                           double& duration, long& signals);
     void ParseSignals(const std::vector<uint8_t>& header, long signals);
+    void SetScaling(Signal& s, double pmin, double pmax, long long dmin, long long dmax) const;
     void SetChannels();
+    void ListChannels();
     void PlaceRecords();
     std::vector<uint8_t> SignalBytes(long long record, const Signal& s);
+    double TimekeepingOnset(long long record);
     void AnnotationEvents(ecEventList& events, int& appended);
-    void StatusEvents(ecEventList& events, int& appended);
-    void DecodeRun(const uint8_t* samples, long i0, long i1, float gain, float offset, float* out) const;
+    void DecodeRecord(const uint8_t* record, long long start, long long first, long long end,
+                      ecLabeledMatrix<float>& data);
+    void DecodeRun(const uint8_t* samples, long i0, long i1, const Signal& s, float* out) const;
     long SliceOf(double seconds) const;
     long long RecordAt(long long slice) const;
     long long RecordStart(long long record) const;
@@ -72,6 +86,8 @@ private:
     std::vector<Signal> m_signals;    // in file order
     std::vector<int> m_channelSignal;  // listed channel -> signal index
     int m_annotationChannel = -1;
+    int m_timekeeping = -1;     // signal index of the first annotation signal
+    double m_startOffset = 0;   // seconds from the header's start time to the first record
     long long m_headerBytes = 0;
     long long m_recordBytes = 0;
     long long m_records = 0;

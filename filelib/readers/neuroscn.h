@@ -28,7 +28,7 @@ public:
 
     // The whole average and its variance records (scaled as the averages are).
     void ReadAVGData(ecLabeledMatrix<float>& average, ecLabeledMatrix<float>& variance);
-    bool DoesVarianceExist() const { return m_bVariance; }
+    bool DoesVarianceExist() const override { return m_bVariance; }
     // Bytes per stored integer sample of a continuous or epoched file: 2 or 4 (0 before Initialize).
     int GetSampleWidth() const { return m_nBytes; }
 
