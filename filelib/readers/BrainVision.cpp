@@ -7,7 +7,6 @@
 #include <sstream>
 
 #include "companion/ByteCursor.h"
-#include "companion/Deinterleave.h"
 #include "companion/IniText.h"
 #include "companion/Units.h"
 #include "companion/Utility.h"
@@ -16,7 +15,6 @@ namespace {
 
 enum Format { kInt16, kUInt16, kInt32, kFloat32 };
 constexpr size_t kMaxHeaderBytes = 16u << 20;
-constexpr size_t kRawBlockBytes = 1u << 20;
 constexpr double kMaxSlice = 2147483647.0;
 const char kCommon[] = "Common Infos";
 
@@ -147,6 +145,7 @@ void BrainVision::Initialize(int)
     if (!fp)
         Fail("Cannot open the data file " + m_dataFile);
     SetTimeBase(ini, FileLength(fp));
+    DescribeLayout();
 }
 
 void BrainVision::ReadLayout(const ecIniText& ini)
@@ -241,55 +240,29 @@ void BrainVision::CountSlices(const ecIniText& ini, long long dataBytes)
     SetNumSlices(static_cast<int>(m_points));
 }
 
-// Every sample format and byte order through one tiled conversion.
-void BrainVision::Decode(const uint8_t* src, size_t stride, long long samples, size_t rowCount, float* const* rows,
-                         const float* factors) const
+// The data file holds m_stored values per slice (one more than the channels in V-Amp files):
+// slice after slice, or each channel's m_points samples after the other's.
+void BrainVision::DescribeLayout()
 {
-    const std::vector<float> none(rowCount, 0.0f);
-    auto run = [&](auto decode) {
-        Deinterleave(src, static_cast<size_t>(samples), rowCount, static_cast<size_t>(m_bytes), stride, rows,
-                     none.data(), factors, decode);
-    };
-    const bool be = m_bigEndian;
-    auto u16 = [be](const uint8_t* p) { return be ? LoadU16BE(p) : LoadU16LE(p); };
-    auto u32 = [be](const uint8_t* p) { return be ? LoadU32BE(p) : LoadU32LE(p); };
-    switch (m_format) {
-    case kInt16: return run([u16](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(u16(p))); });
-    case kUInt16: return run([u16](const uint8_t* p) { return static_cast<float>(u16(p)); });
-    case kInt32: return run([u32](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(u32(p))); });
-    default: return run([u32](const uint8_t* p) { return BitsToFloat(u32(p)); });
+    const ecSampleType types[] = {ecSampleType::Int16, ecSampleType::UInt16, ecSampleType::Int32, ecSampleType::Float32};
+    const int channels = GetNumChans();
+    ecDataLayout layout = ecDataLayout::Multiplexed(types[m_format], m_bigEndian, m_stored, channels, 0, m_points);
+    layout.exact = false;
+    for (int c = 0; c < channels; ++c) {
+        if (m_vectorized) {
+            layout.channels[static_cast<size_t>(c)].offset = c * m_points * m_bytes;
+            layout.channels[static_cast<size_t>(c)].stride = m_bytes;
+        }
+        layout.SetConversion(c, m_factors[static_cast<size_t>(c)], 0);
     }
-}
-
-void BrainVision::ReadRaw(long long offset, size_t bytes)
-{
-    m_raw.resize(bytes);
-    if (ReadAt(GetInputFilePointer(), offset, m_raw.data(), bytes) != bytes)
-        throw ecError("[BrainVision::ReadData] Error in reading the data file.", 1, 0, -1, -1);
+    Engine().SetLayout(std::move(layout));
 }
 
 int BrainVision::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     const long long n = PrepareBlock(data, first, count, "BrainVision");
-    const long channels = GetNumChans();
-    const long long sliceBytes = std::max(1LL, static_cast<long long>(m_stored) * m_bytes);
-    const long long perBlock = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / sliceBytes);
-    std::vector<float*> rows(static_cast<size_t>(channels));
-    for (long long done = 0; done < n;) {
-        const long long take = std::min(perBlock, n - done);
-        for (long c = 0; c < channels; ++c)
-            rows[static_cast<size_t>(c)] = data[c] + done;
-        if (!m_vectorized) {
-            ReadRaw((first + done) * sliceBytes, static_cast<size_t>(take * sliceBytes));
-            Decode(m_raw.data(), static_cast<size_t>(sliceBytes), take, rows.size(), rows.data(), m_factors.data());
-        }
-        for (long c = 0; m_vectorized && c < channels; ++c) {
-            ReadRaw((c * m_points + first + done) * m_bytes, static_cast<size_t>(take * m_bytes));
-            Decode(m_raw.data(), static_cast<size_t>(m_bytes), take, 1, &rows[static_cast<size_t>(c)],
-                   &m_factors[static_cast<size_t>(c)]);
-        }
-        done += take;
-    }
+    if (!ReadRows(data, first, n))
+        throw ecError("[BrainVision::ReadData] Error in reading the data file.", 1, 0, -1, -1);
     return static_cast<int>(n);
 }
 

@@ -52,9 +52,7 @@ private:
     void ReadChannels(const ecIniText& ini);
     void SetTimeBase(const ecIniText& ini, long long dataBytes);
     void CountSlices(const ecIniText& ini, long long dataBytes);
-    void Decode(const uint8_t* src, size_t stride, long long samples, size_t rowCount, float* const* rows,
-                const float* factors) const;
-    void ReadRaw(long long offset, size_t bytes);
+    void DescribeLayout();
 
     std::string m_dataFile;
     std::string m_markerFile;
@@ -65,5 +63,4 @@ private:
     int m_stored = 0;  // values per slice in the data file: the channels, or one more (.ahdr)
     long long m_points = 0;
     std::vector<float> m_factors;  // volts (or the stated unit) per stored count
-    std::vector<uint8_t> m_raw;
 };
