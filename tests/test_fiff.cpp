@@ -109,7 +109,7 @@ TEST(FIFF, DirectoryQueriesAndRecords)
 {
     Fiff f = Header(3).u32(208, 11).u32(208, 22).u32(209, 99).tag(600, 3, Bytes().zeros(12)).u32(200, 5);
     f.tag(203, 30, ChInfo("EEG 001", 2, 2.0f, 0.5f, 107, 0xFFFFFFFA));
-    f.tag(203, 30, ChInfo("EEG 001", 2, 1, 1, 107)).tag(203, 30, ChInfo("EEG 001", 202, 1, 1, 107));
+    f.tag(203, 30, ChInfo("EEG 001", 2, 1, 1, 107)).tag(203, 30, ChInfo("EEG 001", 2, 1, 1, 107));
     Bytes trans = Bytes().u32be(1).u32be(4);
     for (int i = 0; i < 24; ++i)
         trans.f32be(static_cast<float>(i));
@@ -149,9 +149,7 @@ TEST(FIFF, DirectoryQueriesAndRecords)
     ASSERT_EQ(r.SetChannelInformationVector(), 3u);
     const auto& ch = r.GetChannelInformation();
     EXPECT_EQ(ch[1].Name() + "," + ch[2].Name(), "EEG 001x,EEG 001x");  // only the first match is looked at
-    EXPECT_EQ(ch[2].Kind(), "EOG_CH");
     EXPECT_EQ(std::make_pair(ch[0].range, ch[0].cal), std::make_pair(2.0f, 0.5f));
-    EXPECT_EQ(ch[0].chpos.CoilType(), "VV_PLANAR_T1");
     EXPECT_EQ(ch[0].chpos.ez[2], 5.5f);
     EXPECT_EQ(static_cast<int32_t>(ch[0].unitMul), -6);
     ASSERT_EQ(r.SetCoordinateTransformationVector(), 1u);
@@ -159,7 +157,6 @@ TEST(FIFF, DirectoryQueriesAndRecords)
     EXPECT_EQ(t.Coord(true) + ">" + t.Coord(false), "DEVICE>HEAD");
     EXPECT_EQ(std::make_tuple(t.rot[1][2], t.move[2], t.invmove[2]), std::make_tuple(5.0f, 11.0f, 23.0f));
     ASSERT_EQ(r.SetDigitizationPointVector(), 3u);
-    EXPECT_EQ(r.GetDigitizationPoints()[2].Kind(), "EEG");
     float nasion[3], lpa[3];
     ASSERT_TRUE(r.GetFiducial(2, nasion) && r.GetFiducial(1, lpa));
     EXPECT_FLOAT_EQ(nasion[1], 0.1f);
@@ -229,26 +226,19 @@ TEST(FIFF, RawAndAveragedData)
 TEST(FIFF, ErrorMessages)
 {
     const auto init = [](ecNeuromag_FIFF& r) { r.Initialize(0); };
-    const auto walked = [](auto accessor) {
-        return [accessor](ecNeuromag_FIFF& r) {
-            r.ReadAllTagRecords();
-            (r.*accessor)();
-        };
+    const auto chans = [](ecNeuromag_FIFF& r) { r.GetNumChans_FIFF(); };
+    const auto rate = [](ecNeuromag_FIFF& r) { r.GetSampleRate_FIFF(); };
+    const Fiff start = Fiff().tag(100, 31, Bytes().zeros(4));
+    const auto info = [&](uint32_t channels) {
+        return Fiff(start).block(kMeasInfo).u32(200, channels).tag(203, 30, ChInfo("A", 1, 1, 1, 112));
     };
-    const auto chans = walked(&ecNeuromag_FIFF::GetNumChans_FIFF);
-    const auto rate = walked(&ecNeuromag_FIFF::GetSampleRate_FIFF);
-    const auto info = [](uint32_t channels, float sfreq) {
-        Fiff f;
-        f.tag(100, 31, Bytes()).block(kMeasInfo).u32(200, channels).f32(201, sfreq);
-        return f.tag(203, 30, ChInfo("A", 1, 1, 1, 112));
-    };
+    const auto rated = [&](float sfreq) { return info(1).f32(201, sfreq); };
     const auto set = [&](int first, int last, const std::vector<std::vector<float>>& rows, bool matrix) {
-        Fiff f = info(1, 100);
+        Fiff f = rated(100);
         Evoked(f, "", first, last, rows, matrix);
         return f;
     };
-    const auto open = [&] { return info(1, 100).block(kEvoked).u32(208, 0).u32(209, 1).block(kAspect); };  // samples 0, 1
-    const Fiff start = Fiff().tag(100, 31, Bytes().zeros(4));
+    const auto open = [&] { return rated(100).block(kEvoked).u32(208, 0).u32(209, 1).block(kAspect); };  // samples 0, 1
     Fiff twoWindows = set(0, 1, {{1, 2}}, true);
     Evoked(twoWindows, "", 0, 2, {{1, 2, 3}}, true);
     Fiff pastEnd = open();
@@ -264,20 +254,19 @@ TEST(FIFF, ErrorMessages)
          m2 + "GetSampleRate_FIFF] Zero or negative sample rate detected in FIFF file"},
         {Fiff().raw(Bytes().raw("hello world, not fiff")), init, in + "Not a FIFF file (its first tag is not FILE_ID): <file>"},
         {Fiff(start).block(kMeasInfo).block(kHpi).u32(200, 1), init, in + "NCHAN not found in the measurement info of FIFF file"},
-        {info(0, 100), init, in + "Zero channels detected in FIFF file"},
-        {info(2, 100), init, in + "Inconsistent number of channels detected in FIFF file"},
-        {Fiff(start).block(kMeasInfo).u32(200, 1).tag(203, 30, ChInfo("A", 1, 1, 1, 112)).block(kHpi).f32(201, 100), init,
-         in + "SFREQ not found in the measurement info of FIFF file"},
-        {info(1, -1), init, in + "Zero, negative or infinite sample rate detected in FIFF file"},
-        {info(1, 100).tag(300, 4, Bytes().zeros(6)), init,
+        {info(0), init, in + "Zero channels detected in FIFF file"},
+        {info(2), init, in + "Inconsistent number of channels detected in FIFF file"},
+        {info(1).block(kHpi).f32(201, 100), init, in + "SFREQ not found in the measurement info of FIFF file"},
+        {rated(-1), init, in + "Zero, negative or infinite sample rate detected in FIFF file"},
+        {rated(100).tag(300, 4, Bytes().zeros(6)), init,
          in + "A DATA_BUFFER of 6 bytes does not hold whole slices of 1 channels."},
-        {info(1, 100).tag(300, 4, Bytes()), init, in + "<file> holds no samples."},
-        {info(1, 100), init, in + "<file> holds neither raw data buffers nor averaged sets."},
+        {rated(100).tag(300, 4, Bytes()), init, in + "<file> holds no samples."},
+        {rated(100), init, in + "<file> holds neither raw data buffers nor averaged sets."},
         {twoWindows, init,
          in + "The averaged sets cover different sample windows; they cannot be delivered as epochs of one length."},
         {set(2, 1, {{}}, true), init, in + "An averaged set ends before it begins."},
-        {info(1, 100).block(kEvoked).u32(208, 0), init, in + "An averaged set lacks its FIRST_SAMPLE or LAST_SAMPLE."},
-        {info(1, 100).block(kEvoked).u32(208, 0).u32(209, 0), init, in + "An averaged set holds no ASPECT block."},
+        {rated(100).block(kEvoked).u32(208, 0), init, in + "An averaged set lacks its FIRST_SAMPLE or LAST_SAMPLE."},
+        {rated(100).block(kEvoked).u32(208, 0).u32(209, 0), init, in + "An averaged set holds no ASPECT block."},
         {set(0, 1, {{1, 2}, {3, 4}}, false), init, in + "An averaged set holds 2 EPOCH tags for 1 channels."},
         {set(0, 2, {{1, 2}}, false), init, in + "An EPOCH of 4 bytes does not hold 3 samples."},
         {open().tag(302, 1, Bytes().zeros(2)), init, in + "Unsupported data type 1 in an EPOCH."},
@@ -288,7 +277,7 @@ TEST(FIFF, ErrorMessages)
         {pastEnd, init, in + "The EPOCH tag at byte " + std::to_string(pastEnd.size() - 16) + " runs past the end of the file."},
     };
     for (const auto& [file, call, message] : cases) {
-        Walked w(Fiff(file).end(), false);
+        Walked w(Fiff(file).end());
         std::string raised = Message([&] { call(w.reader); });
         if (const size_t at = raised.find(w.path); at != std::string::npos)
             raised.replace(at, w.path.size(), "<file>");

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <numeric>
 
 #include "companion/ByteCursor.h"
 #include "companion/Deinterleave.h"
@@ -586,21 +587,32 @@ void ecNeuromag_FIFF::MapBlocks()
             open.pop_back();
         }
     }
+    GroupByBlock();
 }
 
-// Entries named `name` directly inside `block` (not inside its sub-blocks), in file order. Only
-// the block's own stretch of the directory is scanned.
+// Entries grouped by their block, in file order, so that a block's own entries are found without
+// scanning the rest of the directory (however deeply a damaged file nests its blocks). Group
+// k + 1 holds the entries of the block opened at entry k, group 0 those at the top level.
+void ecNeuromag_FIFF::GroupByBlock()
+{
+    m_groupStart.assign(m_directory.size() + 2, 0);
+    for (const Node& n : m_nodes)
+        ++m_groupStart[static_cast<size_t>(n.parent + 2)];
+    std::partial_sum(m_groupStart.begin(), m_groupStart.end(), m_groupStart.begin());
+    std::vector<size_t> next(m_groupStart.begin(), m_groupStart.end() - 1);
+    m_grouped.resize(m_directory.size());
+    for (size_t i = 0; i < m_nodes.size(); ++i)
+        m_grouped[next[static_cast<size_t>(m_nodes[i].parent + 1)]++] = i;
+}
+
+// Entries named `name` directly inside `block` (not inside its sub-blocks), in file order.
 std::vector<size_t> ecNeuromag_FIFF::Children(long block, const std::string& name) const
 {
     std::vector<size_t> out;
-    for (size_t i = block == kTopLevel ? 0 : static_cast<size_t>(block) + 1; i < m_directory.size(); ++i) {
-        if (m_nodes[i].parent != block)
-            continue;
-        if (block != kTopLevel && m_directory[i].name == "BLOCK_END")
-            break;
-        if (m_directory[i].name == name)
-            out.push_back(i);
-    }
+    const size_t group = static_cast<size_t>(block + 1);
+    for (size_t k = m_groupStart[group]; k < m_groupStart[group + 1]; ++k)
+        if (m_directory[m_grouped[k]].name == name)
+            out.push_back(m_grouped[k]);
     return out;
 }
 
@@ -637,7 +649,7 @@ float ecNeuromag_FIFF::ReadMeasurementInfo()
     if (!sfreq)
         Fail("[ecNeuromag_FIFF::Initialize] SFREQ not found in the measurement info of FIFF file");
     const float rate = ReadFloat(*sfreq);
-    if (!(rate > 0) || !std::isfinite(rate))
+    if (!(rate > 0 && std::isfinite(rate)))
         Fail("[ecNeuromag_FIFF::Initialize] Zero, negative or infinite sample rate detected in FIFF file");
     return rate;
 }
@@ -645,8 +657,8 @@ float ecNeuromag_FIFF::ReadMeasurementInfo()
 void ecNeuromag_FIFF::RequireInFile(const FIFF_TagRec& r) const
 {
     if (r.dataPos + static_cast<long long>(r.size) > m_fileSize)
-        Fail("[ecNeuromag_FIFF::Initialize] The " + r.name + " tag at byte " + std::to_string(r.dataPos - static_cast<long long>(kTagHeaderBytes)) +
-             " runs past the end of the file.");
+        Fail("[ecNeuromag_FIFF::Initialize] The " + r.name + " tag at byte " +
+             std::to_string(r.dataPos - static_cast<long long>(kTagHeaderBytes)) + " runs past the end of the file.");
 }
 
 // A string tag's text, up to its first NUL.

@@ -170,6 +170,7 @@ private:
     std::vector<uint8_t> ReadBytes(long long pos, size_t bytes);
     unsigned long BuildChannelList(const std::vector<size_t>& chInfoEntries);
     void MapBlocks();
+    void GroupByBlock();
     std::vector<size_t> Children(long block, const std::string& name) const;
     const FIFF_TagRec* FirstChild(long block, const std::string& name) const;
     std::vector<long> BlocksOfKind(uint32_t kind) const;
@@ -203,6 +204,8 @@ private:
     long long m_fileSize = 0;
     long m_firstSampleNumber = 0;
     std::vector<Node> m_nodes;  // one per directory entry, filled by Initialize
+    std::vector<size_t> m_grouped;     // directory indices, grouped by block (see GroupByBlock)
+    std::vector<size_t> m_groupStart;  // where each group starts in m_grouped; one more at the end
     std::vector<Buffer> m_buffers;
     std::vector<std::string> m_setComments;  // averaged files: one per set
     std::vector<float> m_scales;  // cal x range per channel
