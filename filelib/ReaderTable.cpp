@@ -39,7 +39,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {21, "CEDF_BDF", "EDF / EDF+ (16-bit)", 4, 2, &Create<CEDF_BDF>, nullptr},
         {4, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
         {29, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
-        {20, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
+        {20, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {28, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
         {44, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
     });

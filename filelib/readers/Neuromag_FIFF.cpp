@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <numeric>
 
 #include "companion/ByteCursor.h"
 #include "companion/Deinterleave.h"
@@ -50,6 +51,13 @@ const KindName kKindNames[] = {
 
 constexpr const char* kShortRead = "[ecNeuromag_FIFF::ReadUnsignedLong] Inconsistent offsets";
 constexpr size_t kTagHeaderBytes = 16;
+// Block kinds (the data of a BLOCK_START) and the flag of a matrix in a tag's type.
+constexpr uint32_t kBlockMeasInfo = 101;
+constexpr uint32_t kBlockEvoked = 104;
+constexpr uint32_t kBlockAspect = 105;
+constexpr uint32_t kMatrixType = 0x40000000;
+
+bool IsDataBuffer(const FIFF_TagRec& r) { return r.name == "DATA_BUFFER" || r.name == "DATA_BUFFER2"; }
 
 [[noreturn]] void Fail(const std::string& text) { throw ecError(text.c_str(), 1, 0, -1, -1); }
 
@@ -462,12 +470,19 @@ long ecNeuromag_FIFF::GetLastSample_FIFF(long n)
 
 unsigned long ecNeuromag_FIFF::SetChannelInformationVector()
 {
+    std::vector<size_t> entries;
+    for (size_t i = 0; i < m_directory.size(); ++i)
+        if (m_directory[i].name == "CH_INFO")
+            entries.push_back(i);
+    return BuildChannelList(entries);
+}
+
+unsigned long ecNeuromag_FIFF::BuildChannelList(const std::vector<size_t>& chInfoEntries)
+{
     m_chInfo.clear();
-    for (const FIFF_TagRec& r : m_directory) {
-        if (r.name != "CH_INFO")
-            continue;
+    for (size_t entry : chInfoEntries) {
         FIFF_ChInfo info;
-        ReadChInfo(r, info);
+        ReadChInfo(m_directory[entry], info);
         const std::string name = info.Name();
         for (const FIFF_ChInfo& earlier : m_chInfo) {
             if (earlier.Name() == name) {
@@ -541,16 +556,128 @@ void ecNeuromag_FIFF::Initialize(int)
     }
     SetFileMFR(20);
     ReadAllTagRecords();
-    const unsigned long channels = GetNumChans_FIFF();
-    const float rate = GetSampleRate_FIFF();
-    if (SetChannelInformationVector() != channels)
-        Fail("[ecNeuromag_FIFF::GetNumChans_FIFF] Inconsistent number of channels detected in FIFF file");
+    MapBlocks();
+    SetSampleRate(ReadMeasurementInfo(), 0);
     SetCoordinateTransformationVector();
     SetDigitizationPointVector();
-    m_firstSampleNumber = FindAfter("FIRST_SAMPLE", "MEAS_DATE", 1) ? GetFirstSample_FIFF(1) : 0;
-    SetChannels();
+    const std::vector<long> sets = BlocksOfKind(kBlockEvoked);
+    if (std::any_of(m_directory.begin(), m_directory.end(), IsDataBuffer))
+        InitializeRaw();
+    else if (!sets.empty())
+        InitializeAveraged(sets);
+    else
+        Fail("[ecNeuromag_FIFF::Initialize] " + name + " holds neither raw data buffers nor averaged sets.");
+    if (GetNumSlices() == 0)
+        Fail("[ecNeuromag_FIFF::Initialize] " + name + " holds no samples.");
+}
+
+// For every entry the innermost block around it. A BLOCK_END without a start is ignored; a
+// block left open runs to the end of the file.
+void ecNeuromag_FIFF::MapBlocks()
+{
+    m_nodes.assign(m_directory.size(), Node{kTopLevel, 0});
+    std::vector<long> open;
+    for (size_t i = 0; i < m_directory.size(); ++i) {
+        const FIFF_TagRec& r = m_directory[i];
+        m_nodes[i].parent = open.empty() ? kTopLevel : open.back();
+        if (r.name == "BLOCK_START") {
+            m_nodes[i].blockKind = r.size >= 4 ? static_cast<uint32_t>(ReadUnsignedLong(r)) : 0;
+            open.push_back(static_cast<long>(i));
+        } else if (r.name == "BLOCK_END" && !open.empty()) {
+            open.pop_back();
+        }
+    }
+    GroupByBlock();
+}
+
+// Entries grouped by their block, in file order, so that a block's own entries are found without
+// scanning the rest of the directory (however deeply a damaged file nests its blocks). Group
+// k + 1 holds the entries of the block opened at entry k, group 0 those at the top level.
+void ecNeuromag_FIFF::GroupByBlock()
+{
+    m_groupStart.assign(m_directory.size() + 2, 0);
+    for (const Node& n : m_nodes)
+        ++m_groupStart[static_cast<size_t>(n.parent + 2)];
+    std::partial_sum(m_groupStart.begin(), m_groupStart.end(), m_groupStart.begin());
+    std::vector<size_t> next(m_groupStart.begin(), m_groupStart.end() - 1);
+    m_grouped.resize(m_directory.size());
+    for (size_t i = 0; i < m_nodes.size(); ++i)
+        m_grouped[next[static_cast<size_t>(m_nodes[i].parent + 1)]++] = i;
+}
+
+// Entries named `name` directly inside `block` (not inside its sub-blocks), in file order.
+std::vector<size_t> ecNeuromag_FIFF::Children(long block, const std::string& name) const
+{
+    std::vector<size_t> out;
+    const size_t group = static_cast<size_t>(block + 1);
+    for (size_t k = m_groupStart[group]; k < m_groupStart[group + 1]; ++k)
+        if (m_directory[m_grouped[k]].name == name)
+            out.push_back(m_grouped[k]);
+    return out;
+}
+
+const FIFF_TagRec* ecNeuromag_FIFF::FirstChild(long block, const std::string& name) const
+{
+    const std::vector<size_t> found = Children(block, name);
+    return found.empty() ? nullptr : &m_directory[found.front()];
+}
+
+std::vector<long> ecNeuromag_FIFF::BlocksOfKind(uint32_t kind) const
+{
+    std::vector<long> out;
+    for (size_t i = 0; i < m_directory.size(); ++i)
+        if (m_directory[i].name == "BLOCK_START" && m_nodes[i].blockKind == kind)
+            out.push_back(static_cast<long>(i));
+    return out;
+}
+
+// Channels and rate from the measurement info: the first MEAS_INFO block, or the top level of
+// a file without one. Returns the sample rate.
+float ecNeuromag_FIFF::ReadMeasurementInfo()
+{
+    const std::vector<long> blocks = BlocksOfKind(kBlockMeasInfo);
+    const long info = blocks.empty() ? kTopLevel : blocks.front();
+    const FIFF_TagRec* nchan = FirstChild(info, "NCHAN");
+    if (!nchan)
+        Fail("[ecNeuromag_FIFF::Initialize] NCHAN not found in the measurement info of FIFF file");
+    const unsigned long channels = ReadUnsignedLong(*nchan);
+    if (channels == 0)
+        Fail("[ecNeuromag_FIFF::Initialize] Zero channels detected in FIFF file");
+    if (BuildChannelList(Children(info, "CH_INFO")) != channels)
+        Fail("[ecNeuromag_FIFF::Initialize] Inconsistent number of channels detected in FIFF file");
+    const FIFF_TagRec* sfreq = FirstChild(info, "SFREQ");
+    if (!sfreq)
+        Fail("[ecNeuromag_FIFF::Initialize] SFREQ not found in the measurement info of FIFF file");
+    const float rate = ReadFloat(*sfreq);
+    if (!(rate > 0 && std::isfinite(rate)))
+        Fail("[ecNeuromag_FIFF::Initialize] Zero, negative or infinite sample rate detected in FIFF file");
+    return rate;
+}
+
+void ecNeuromag_FIFF::RequireInFile(const FIFF_TagRec& r) const
+{
+    if (r.dataPos + static_cast<long long>(r.size) > m_fileSize)
+        Fail("[ecNeuromag_FIFF::Initialize] The " + r.name + " tag at byte " +
+             std::to_string(r.dataPos - static_cast<long long>(kTagHeaderBytes)) + " runs past the end of the file.");
+}
+
+// A string tag's text, up to its first NUL.
+std::string ecNeuromag_FIFF::TagText(const FIFF_TagRec& r)
+{
+    const long long inFile = std::max(0LL, std::min<long long>(r.size, m_fileSize - r.dataPos));
+    const std::vector<uint8_t> bytes = ReadBytes(r.dataPos, static_cast<size_t>(inFile));
+    const std::string text(bytes.begin(), bytes.end());
+    return text.substr(0, text.find('\0'));
+}
+
+void ecNeuromag_FIFF::InitializeRaw()
+{
+    SetChannels(true);
     BuildBuffers();
-    SetSampleRate(rate, 0);
+    // The first sample number belongs to the block that holds the buffers.
+    const auto buffer = std::find_if(m_directory.begin(), m_directory.end(), IsDataBuffer);
+    const FIFF_TagRec* first = FirstChild(m_nodes[static_cast<size_t>(buffer - m_directory.begin())].parent, "FIRST_SAMPLE");
+    m_firstSampleNumber = first ? static_cast<int32_t>(ReadUnsignedLong(*first)) : 0;
     const long long slices = m_buffers.empty() ? 0 : m_buffers.back().firstSlice + m_buffers.back().slices;
     SetNumSlices(static_cast<int>(slices));
     SetRunType(kRunContinuous);
@@ -559,7 +686,104 @@ void ecNeuromag_FIFF::Initialize(int)
     SetValidEpochCnt(1);
 }
 
-void ecNeuromag_FIFF::SetChannels()
+// One epoch per set; epochs of one length need one sample window for all sets.
+void ecNeuromag_FIFF::InitializeAveraged(const std::vector<long>& sets)
+{
+    SetChannels(false);
+    m_buffers.clear();
+    m_setComments.clear();
+    long first = 0;
+    long long slices = 0;
+    for (long set : sets) {
+        const FIFF_TagRec* firstTag = FirstChild(set, "FIRST_SAMPLE");
+        const FIFF_TagRec* lastTag = FirstChild(set, "LAST_SAMPLE");
+        if (!firstTag || !lastTag)
+            Fail("[ecNeuromag_FIFF::Initialize] An averaged set lacks its FIRST_SAMPLE or LAST_SAMPLE.");
+        const long setFirst = static_cast<int32_t>(ReadUnsignedLong(*firstTag));
+        const long long setSlices = static_cast<long long>(static_cast<int32_t>(ReadUnsignedLong(*lastTag))) - setFirst + 1;
+        if (m_buffers.empty()) {
+            first = setFirst;
+            slices = setSlices;
+        }
+        if (setSlices < 1)
+            Fail("[ecNeuromag_FIFF::Initialize] An averaged set ends before it begins.");
+        if (setFirst != first || setSlices != slices)
+            Fail("[ecNeuromag_FIFF::Initialize] The averaged sets cover different sample windows; they cannot be "
+                 "delivered as epochs of one length.");
+        if (static_cast<long long>(m_buffers.size() + 1) * slices > INT_MAX)
+            Fail("[ecNeuromag_FIFF::Initialize] The recording holds more than 2147483647 slices.");
+        m_buffers.push_back(AveragedSet(set, static_cast<long long>(m_buffers.size()) * slices, slices));
+        const FIFF_TagRec* comment = FirstChild(set, "COMMENT");
+        m_setComments.push_back(comment ? TagText(*comment) : "");
+    }
+    const int epochs = static_cast<int>(m_buffers.size());
+    SetNumSlices(static_cast<int>(epochs * slices));
+    SetRunType(epochs == 1 ? kRunSingleEpoch : kRunMultiEpoch);
+    SetNumEpochs(epochs);
+    SetEpochSlices(static_cast<int>(slices));
+    SetValidEpochCnt(epochs);
+    SetPreStim(static_cast<float>(first / static_cast<double>(GetSampleRate())));
+    m_firstSampleNumber = first;
+}
+
+// A set's samples from the EPOCH data of its first ASPECT block: one matrix of all channels or
+// one vector per channel.
+ecNeuromag_FIFF::Buffer ecNeuromag_FIFF::AveragedSet(long set, long long firstSlice, long long slices)
+{
+    const std::vector<size_t> starts = Children(set, "BLOCK_START");
+    const auto aspect = std::find_if(starts.begin(), starts.end(), [&](size_t i) { return m_nodes[i].blockKind == kBlockAspect; });
+    if (aspect == starts.end())
+        Fail("[ecNeuromag_FIFF::Initialize] An averaged set holds no ASPECT block.");
+    const std::vector<size_t> epochs = Children(static_cast<long>(*aspect), "EPOCH");
+    Buffer buffer{firstSlice, slices, 0, 0, 0, {}};
+    const size_t channels = static_cast<size_t>(GetNumChans());
+    if (epochs.size() == 1 && (m_directory[epochs.front()].type & kMatrixType))
+        AddMatrixRows(m_directory[epochs.front()], buffer);
+    else if (epochs.size() == channels)
+        AddVectorRows(epochs, buffer);
+    else
+        Fail("[ecNeuromag_FIFF::Initialize] An averaged set holds " + std::to_string(epochs.size()) + " EPOCH tags for " +
+             std::to_string(channels) + " channels.");
+    return buffer;
+}
+
+// A matrix is stored row by row (one row per channel), followed by its dimensions in reverse
+// order and their count.
+void ecNeuromag_FIFF::AddMatrixRows(const FIFF_TagRec& epoch, Buffer& set)
+{
+    set.type = epoch.type & ~kMatrixType;
+    set.bytes = BytesOfType(set.type);
+    if (set.bytes == 0)
+        Fail("[ecNeuromag_FIFF::Initialize] Unsupported data type " + std::to_string(epoch.type) + " in an EPOCH.");
+    RequireInFile(epoch);
+    const long long channels = GetNumChans(), row = set.slices * set.bytes;
+    const std::vector<uint8_t> dims = ReadBytes(epoch.dataPos + epoch.size - 12, epoch.size >= 12 ? 12 : 0);
+    if (epoch.size < 12 || (epoch.size - 12) % row != 0 || (epoch.size - 12) / row != channels ||
+        LoadU32BE(&dims[0]) != set.slices || LoadU32BE(&dims[4]) != channels || LoadU32BE(&dims[8]) != 2)
+        Fail("[ecNeuromag_FIFF::Initialize] An EPOCH matrix does not hold " + std::to_string(channels) + " channels of " +
+             std::to_string(set.slices) + " samples.");
+    for (long long c = 0; c < channels; ++c)
+        set.channelPos.push_back(epoch.dataPos + c * row);
+}
+
+void ecNeuromag_FIFF::AddVectorRows(const std::vector<size_t>& epochs, Buffer& set)
+{
+    set.type = m_directory[epochs.front()].type;
+    set.bytes = BytesOfType(set.type);
+    for (size_t entry : epochs) {
+        const FIFF_TagRec& epoch = m_directory[entry];
+        if (set.bytes == 0 || epoch.type != set.type)
+            Fail("[ecNeuromag_FIFF::Initialize] Unsupported data type " + std::to_string(epoch.type) + " in an EPOCH.");
+        if (epoch.size != set.slices * set.bytes)
+            Fail("[ecNeuromag_FIFF::Initialize] An EPOCH of " + std::to_string(epoch.size) + " bytes does not hold " +
+                 std::to_string(set.slices) + " samples.");
+        RequireInFile(epoch);
+        set.channelPos.push_back(epoch.dataPos);
+    }
+}
+
+// Raw buffers hold value / (cal x range); averaged sets hold value / cal.
+void ecNeuromag_FIFF::SetChannels(bool applyRange)
 {
     SetNumChans(static_cast<int>(m_chInfo.size()));
     m_scales.assign(m_chInfo.size(), 1.0f);
@@ -572,7 +796,7 @@ void ecNeuromag_FIFF::SetChannels()
         const int type = ch.kind == 1 ? kChanMEG
                          : ch.kind == 2 || ch.kind == 202 || ch.kind == 302 || ch.kind == 402 ? kChanEEG
                          : ch.kind == 3 ? kChanTrigger : 0;
-        m_scales[i] = static_cast<float>(static_cast<double>(ch.cal) * ch.range);
+        m_scales[i] = static_cast<float>(static_cast<double>(ch.cal) * (applyRange ? ch.range : 1.0f));
         SetChanName(c, label);
         SetChanUnit(c, unit);
         SetUseChanUnit(c, !unit.empty());
@@ -597,7 +821,7 @@ void ecNeuromag_FIFF::BuildBuffers()
     };
     auto addSkip = [&](long long slices) {
         if (slices > 0) {
-            m_buffers.push_back({slice, slices, -1, 0, 0});
+            m_buffers.push_back({slice, slices, -1, 0, 0, {}});
             slice += slices;
         }
     };
@@ -606,19 +830,18 @@ void ecNeuromag_FIFF::BuildBuffers()
             pendingSkipBuffers += static_cast<int32_t>(ReadUnsignedLong(r));
         } else if (r.name == "DATA_SKIP_SAMP") {
             addSkip(static_cast<int32_t>(ReadUnsignedLong(r)));
-        } else if (r.name == "DATA_BUFFER" || r.name == "DATA_BUFFER2") {
+        } else if (IsDataBuffer(r)) {
             const int bytes = BytesOfType(r.type);
             if (bytes == 0)
                 Fail("[ecNeuromag_FIFF::Initialize] Unsupported data type " + std::to_string(r.type) + " in a DATA_BUFFER.");
             if (r.size % (channels * bytes) != 0)
                 Fail("[ecNeuromag_FIFF::Initialize] A DATA_BUFFER of " + std::to_string(r.size) + " bytes does not hold whole slices of " +
                      std::to_string(channels) + " channels.");
-            if (r.dataPos + static_cast<long long>(r.size) > m_fileSize)
-                Fail("[ecNeuromag_FIFF::Initialize] A DATA_BUFFER runs past the end of the file.");
+            RequireInFile(r);
             lastSlices = r.size / (channels * bytes);
             addSkip(skipBuffers(pendingSkipBuffers, lastSlices));
             pendingSkipBuffers = 0;
-            m_buffers.push_back({slice, lastSlices, r.dataPos, bytes, r.type});
+            m_buffers.push_back({slice, lastSlices, r.dataPos, bytes, r.type, {}});
             slice += lastSlices;
         }
         if (slice > INT_MAX || pendingSkipBuffers > INT_MAX)
@@ -638,34 +861,76 @@ int ecNeuromag_FIFF::ReadData(ecLabeledMatrix<float>& data, int first, int count
     const long long end = first + n;
     auto buffer = std::upper_bound(m_buffers.begin(), m_buffers.end(), static_cast<long long>(first),
                                    [](long long s, const Buffer& b) { return s < b.firstSlice; }) - 1;
+    std::vector<float*> rows(static_cast<size_t>(channels));
     for (; buffer != m_buffers.end() && buffer->firstSlice < end; ++buffer) {
         const long long from = std::max<long long>(first, buffer->firstSlice);
         const long long to = std::min(end, buffer->firstSlice + buffer->slices);
-        if (buffer->dataPos < 0) {
-            for (long c = 0; c < channels; ++c)
-                std::fill(data[c] + (from - first), data[c] + (to - first), 0.0f);
-            continue;
-        }
-        const size_t sliceBytes = static_cast<size_t>(channels) * buffer->bytes;
-        m_raw.resize(static_cast<size_t>(to - from) * sliceBytes);
-        const long long offset = buffer->dataPos + (from - buffer->firstSlice) * static_cast<long long>(sliceBytes);
-        if (ReadAt(GetInputFilePointer(), offset, m_raw.data(), m_raw.size()) != m_raw.size())
-            throw ecError("[ecNeuromag_FIFF::ReadData] Error in reading a DATA_BUFFER.", 1, 0, -1, -1);
-        std::vector<float*> rows(static_cast<size_t>(channels));
         for (long c = 0; c < channels; ++c)
             rows[static_cast<size_t>(c)] = data[c] + (from - first);
-        WithDecoder(buffer->type, [&](auto decode) {
-            Deinterleave(m_raw.data(), static_cast<size_t>(to - from), static_cast<size_t>(channels),
-                         static_cast<size_t>(buffer->bytes), sliceBytes, rows.data(), m_zeros.data(), m_scales.data(), decode);
-        });
+        if (buffer->dataPos < 0) {
+            for (float* row : rows)
+                std::fill(row, row + (to - from), 0.0f);
+        } else if (buffer->channelPos.empty()) {
+            ReadInterleaved(*buffer, from, to, rows.data());
+        } else {
+            ReadPerChannel(*buffer, from, to, rows.data());
+        }
     }
     return static_cast<int>(n);
+}
+
+void ecNeuromag_FIFF::ReadInterleaved(const Buffer& buffer, long long from, long long to, float* const* rows)
+{
+    const size_t channels = static_cast<size_t>(GetNumChans());
+    const size_t sliceBytes = channels * static_cast<size_t>(buffer.bytes);
+    m_raw.resize(static_cast<size_t>(to - from) * sliceBytes);
+    const long long offset = buffer.dataPos + (from - buffer.firstSlice) * static_cast<long long>(sliceBytes);
+    if (ReadAt(GetInputFilePointer(), offset, m_raw.data(), m_raw.size()) != m_raw.size())
+        Fail("[ecNeuromag_FIFF::ReadData] Error in reading a DATA_BUFFER.");
+    WithDecoder(buffer.type, [&](auto decode) {
+        Deinterleave(m_raw.data(), static_cast<size_t>(to - from), channels, static_cast<size_t>(buffer.bytes), sliceBytes,
+                     rows, m_zeros.data(), m_scales.data(), decode);
+    });
+}
+
+void ecNeuromag_FIFF::ReadPerChannel(const Buffer& buffer, long long from, long long to, float* const* rows)
+{
+    const size_t width = static_cast<size_t>(buffer.bytes);
+    m_raw.resize(static_cast<size_t>(to - from) * width);
+    for (size_t c = 0; c < buffer.channelPos.size(); ++c) {
+        const long long offset = buffer.channelPos[c] + (from - buffer.firstSlice) * buffer.bytes;
+        if (ReadAt(GetInputFilePointer(), offset, m_raw.data(), m_raw.size()) != m_raw.size())
+            Fail("[ecNeuromag_FIFF::ReadData] Error in reading an EPOCH.");
+        WithDecoder(buffer.type, [&](auto decode) {
+            Deinterleave(m_raw.data(), static_cast<size_t>(to - from), 1, width, width, rows + c, &m_zeros[c],
+                         &m_scales[c], decode);
+        });
+    }
 }
 
 int ecNeuromag_FIFF::InitialEventList(ecEventList* events, ecProgressDlg*)
 {
     if (!events)
         return 0;
+    return GetRunType() == kRunContinuous ? AppendTriggerRises(events) : AppendSetBoundaries(events);
+}
+
+// An averaged stimulus channel holds no triggers; each set starts a segment.
+int ecNeuromag_FIFF::AppendSetBoundaries(ecEventList* events) const
+{
+    for (size_t k = 0; k < m_buffers.size(); ++k) {
+        ecEvent boundary;
+        boundary.SetBegin(static_cast<long>(m_buffers[k].firstSlice));
+        boundary.SetSegmentBoundaryDefaults();
+        if (!m_setComments[k].empty())
+            boundary.SetEventName(m_setComments[k]);
+        events->AppendOneEvent(boundary);
+    }
+    return static_cast<int>(m_buffers.size());
+}
+
+int ecNeuromag_FIFF::AppendTriggerRises(ecEventList* events)
+{
     std::vector<int> stim;
     for (int c = 0; c < GetNumChans(); ++c)
         if (GetChanType(c) & kChanTrigger)

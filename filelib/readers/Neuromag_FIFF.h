@@ -1,19 +1,28 @@
-// ecNeuromag_FIFF: Neuromag / Elekta / MEGIN FIFF raw recordings.
+// ecNeuromag_FIFF: Neuromag / Elekta / MEGIN FIFF recordings, raw and averaged.
 //
 // The tag layer walks the whole tag chain once into a directory (one FIFF_TagRec per tag) and
 // answers every question by searching it by kind name and reading tag data on demand.
 // The reader around it:
 //  - claims a file whose first tag is FILE_ID (code 20);
-//  - channels from the CH_INFO list (after its one-step "x" renaming of duplicate names):
+//  - takes NCHAN, SFREQ and the CH_INFO records from the measurement-info block (the top level
+//    of a file without blocks), whether or not a MEAS_DATE precedes them: converted and
+//    anonymised files carry none;
+//  - channels from those CH_INFO records (after the one-step "x" renaming of duplicate names):
 //    MEG 0x200, EEG/EOG/ECG/EMG 0x400, stimulus 0x8000, others 0; units "T", "T/m", "V" (or
-//    empty) in SI, the unit multiplier kept as a display hint (use-SI-prefix flag), scale =
-//    cal x range, and values delivered as raw x range x cal (a negative calibration is applied
-//    as stored);
-//  - slices from the raw DATA_BUFFER tags (16/32-bit integers, float, double) in file order,
-//    DATA_SKIP / DATA_SKIP_SAMP gaps read as zeros; slice 0 is the first stored sample, whose
-//    acquisition sample number (FIRST_SAMPLE) is GetFirstSampleNumber();
-//  - events: every rise of a stimulus channel's integer value (rounded) to a larger non-zero
-//    value, named by the new value (slice 0 never fires).
+//    empty) in SI, the unit multiplier kept as a display hint (use-SI-prefix flag);
+//  - raw files: slices from the DATA_BUFFER tags (16/32-bit integers, float, double) in file
+//    order, DATA_SKIP / DATA_SKIP_SAMP gaps read as zeros, values raw x range x cal (a negative
+//    calibration is applied as stored); slice 0 is the first stored sample, whose acquisition
+//    sample number (the FIRST_SAMPLE of the block holding the buffers) is GetFirstSampleNumber();
+//  - averaged files: every EVOKED block is one epoch (run type 1 for one set, 2 for several)
+//    read from its first ASPECT block's EPOCH data (one matrix or one vector per channel),
+//    values raw x cal as averages are stored; all sets share one sample window, whose first
+//    sample gives the pre-stimulus time (first / rate, negative before the stimulus) and
+//    GetFirstSampleNumber();
+//  - a file with neither raw buffers nor averaged sets, or without samples, is refused;
+//  - events: in raw files every rise of a stimulus channel's integer value (rounded) to a
+//    larger non-zero value, named by the new value (slice 0 never fires); in averaged files a
+//    segment boundary at the start of each set, named by the set's comment.
 #pragma once
 
 #include <cstdint>
@@ -145,12 +154,40 @@ private:
         long long slices;
         long long dataPos;  // -1: a skip, read as zeros
         int bytes;          // per value
-        uint32_t type;
+        uint32_t type;      // the stored values' type (without the matrix flag)
+        // Averaged sets keep each channel's samples together: where each channel's first value
+        // lies. Empty for raw buffers, whose slices interleave the channels.
+        std::vector<long long> channelPos;
     };
+    // Where a directory entry sits in the block structure.
+    struct Node {
+        long parent;         // index of the BLOCK_START of its innermost block; kTopLevel outside any
+        uint32_t blockKind;  // for a BLOCK_START: the kind of block it opens
+    };
+    static constexpr long kTopLevel = -1;
+
     const FIFF_TagRec* FindAfter(const std::string& name, const std::string& after, long n) const;
     std::vector<uint8_t> ReadBytes(long long pos, size_t bytes);
+    unsigned long BuildChannelList(const std::vector<size_t>& chInfoEntries);
+    void MapBlocks();
+    void GroupByBlock();
+    std::vector<size_t> Children(long block, const std::string& name) const;
+    const FIFF_TagRec* FirstChild(long block, const std::string& name) const;
+    std::vector<long> BlocksOfKind(uint32_t kind) const;
+    float ReadMeasurementInfo();
+    void RequireInFile(const FIFF_TagRec& r) const;
+    std::string TagText(const FIFF_TagRec& r);
+    void InitializeRaw();
+    void InitializeAveraged(const std::vector<long>& sets);
+    Buffer AveragedSet(long set, long long firstSlice, long long slices);
+    void AddMatrixRows(const FIFF_TagRec& epoch, Buffer& set);
+    void AddVectorRows(const std::vector<size_t>& epochs, Buffer& set);
     void BuildBuffers();
-    void SetChannels();
+    void SetChannels(bool applyRange);
+    void ReadInterleaved(const Buffer& buffer, long long from, long long to, float* const* rows);
+    void ReadPerChannel(const Buffer& buffer, long long from, long long to, float* const* rows);
+    int AppendSetBoundaries(ecEventList* events) const;
+    int AppendTriggerRises(ecEventList* events);
 
     std::vector<std::pair<std::string, unsigned long>> m_kindNames;
     std::vector<FIFF_TagRec> m_directory;
@@ -166,7 +203,11 @@ private:
     bool m_nasionFound = false;
     long long m_fileSize = 0;
     long m_firstSampleNumber = 0;
+    std::vector<Node> m_nodes;  // one per directory entry, filled by Initialize
+    std::vector<size_t> m_grouped;     // directory indices, grouped by block (see GroupByBlock)
+    std::vector<size_t> m_groupStart;  // where each group starts in m_grouped; one more at the end
     std::vector<Buffer> m_buffers;
+    std::vector<std::string> m_setComments;  // averaged files: one per set
     std::vector<float> m_scales;  // cal x range per channel
     std::vector<float> m_zeros;
     std::vector<uint8_t> m_raw;
