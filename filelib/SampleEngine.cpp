@@ -62,28 +62,56 @@ void WithDecoder(ecSampleType type, bool bigEndian, Apply apply)
     }
 }
 
-// One channel's conversion, stored number to delivered float.
+// One channel's conversion, stored number to delivered float, in one of three arithmetics.
+enum Arithmetic { kSingle, kExact, kMasked };
+
 struct Conversion {
     double gain, shift;
     float gainF, shiftF, calFactor, calOffset;
+    int64_t mask;
 
-    template <bool Exact, bool Calibrated, typename Decode>
+    template <int Mode, bool Calibrated, typename Decode>
     float Apply(Decode decode, const uint8_t* p) const
     {
-        const float v = Exact ? static_cast<float>((decode(p) + shift) * gain)
-                              : (static_cast<float>(decode(p)) - shiftF) * gainF;
+        float v;
+        if constexpr (Mode == kExact)
+            v = static_cast<float>((decode(p) + shift) * gain);
+        else if constexpr (Mode == kSingle)
+            v = (static_cast<float>(decode(p)) - shiftF) * gainF;
+        else
+            v = static_cast<float>(static_cast<int64_t>(decode(p)) & mask);
         return Calibrated ? v * calFactor + calOffset : v;
     }
 };
 
-// One channel's run of samples [t0, t1) into out[t0 ..): the arithmetic is chosen outside the
-// loop so that the loop itself has no branch.
-template <bool Exact, bool Calibrated, typename Decode>
-void ConvertRun(Decode decode, const Conversion& conv, const uint8_t* p, long long stride, float* out, long long t0,
-                long long t1)
+// One channel's run of samples [t0, t1) into out[0 .. t1 - t0): held channels (samples > 0) look up the
+// sample each slice shows; the arithmetic is fixed outside the loop, which has no branch.
+// `base` holds the segment's bytes from `lo` on: sample k of the channel is at
+// base + offset + k * stride - lo (only bytes of the slices converted are ever addressed).
+template <int Mode, bool Calibrated, typename Decode>
+void ConvertRun(Decode decode, const Conversion& conv, const ecChannelLayout& ch, const uint8_t* base, long long lo,
+                long long segmentSlices, float* out, long long t0, long long t1)
 {
-    for (long long t = t0; t < t1; ++t, p += stride)
-        out[t] = conv.Apply<Exact, Calibrated>(decode, p);
+    if (ch.samples > 0) {
+        for (long long t = t0; t < t1; ++t)
+            out[t - t0] = conv.Apply<Mode, Calibrated>(decode, base + (ch.offset + t * ch.samples / segmentSlices * ch.stride - lo));
+        return;
+    }
+    const uint8_t* p = base + (ch.offset + t0 * ch.stride - lo);
+    for (long long t = t0; t < t1; ++t, p += ch.stride)
+        out[t - t0] = conv.Apply<Mode, Calibrated>(decode, p);
+}
+
+template <bool Calibrated, typename Decode>
+void ConvertChannel(int mode, Decode decode, const Conversion& conv, const ecChannelLayout& ch, const uint8_t* base,
+                    long long lo, long long segmentSlices, float* out, long long t0, long long t1)
+{
+    if (mode == kExact)
+        ConvertRun<kExact, Calibrated>(decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
+    else if (mode == kSingle)
+        ConvertRun<kSingle, Calibrated>(decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
+    else
+        ConvertRun<kMasked, Calibrated>(decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
 }
 
 }  // namespace
@@ -192,8 +220,6 @@ template <typename Decode>
 void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
                                  long long b) const
 {
-    // `base` holds the segment's bytes from `lo` on: sample k of a channel is at
-    // base + offset + k * stride - lo.
     const long long segmentSlices = SegmentSlices();
     const bool calibrated = target.calFactors && target.calOffsets;
     for (long long t0 = a; t0 < b; t0 += kTileSlices) {
@@ -202,25 +228,19 @@ void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long l
             const ecChannelLayout& ch = m_layout.channels[c];
             if (!target.rows[c])
                 continue;
-            const Conversion conv{ch.gain, ch.shift, static_cast<float>(ch.gain), static_cast<float>(ch.shift),
-                                  calibrated ? target.calFactors[c] : 1.0f, calibrated ? target.calOffsets[c] : 0.0f};
-            float* out = target.rows[c] + target.done - a;
-            if (ch.samples > 0) {
-                // A slower channel: every slice looks up the sample it shows.
-                for (long long t = t0; t < t1; ++t) {
-                    const uint8_t* p = base + (ch.offset + SampleAt(ch, t, segmentSlices) * ch.stride - lo);
-                    out[t] = m_layout.exact ? (calibrated ? conv.Apply<true, true>(decode, p) : conv.Apply<true, false>(decode, p))
-                                            : (calibrated ? conv.Apply<false, true>(decode, p) : conv.Apply<false, false>(decode, p));
-                }
-                continue;
-            }
-            const uint8_t* p = base + (ch.offset + t0 * ch.stride - lo);
-            if (m_layout.exact)
-                calibrated ? ConvertRun<true, true>(decode, conv, p, ch.stride, out, t0, t1)
-                           : ConvertRun<true, false>(decode, conv, p, ch.stride, out, t0, t1);
+            const Conversion conv{ch.gain,
+                                  ch.shift,
+                                  static_cast<float>(ch.gain),
+                                  static_cast<float>(ch.shift),
+                                  calibrated ? target.calFactors[c] : 1.0f,
+                                  calibrated ? target.calOffsets[c] : 0.0f,
+                                  static_cast<int64_t>(ch.mask)};
+            const int mode = ch.mask ? kMasked : m_layout.exact ? kExact : kSingle;
+            float* out = target.rows[c] + target.done + (t0 - a);
+            if (calibrated)
+                ConvertChannel<true>(mode, decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
             else
-                calibrated ? ConvertRun<false, true>(decode, conv, p, ch.stride, out, t0, t1)
-                           : ConvertRun<false, false>(decode, conv, p, ch.stride, out, t0, t1);
+                ConvertChannel<false>(mode, decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
         }
     }
 }
@@ -235,15 +255,20 @@ ecSampleEngine::Place ecSampleEngine::Locate(long long slice) const
     const std::vector<long long>& firsts = m_layout.segmentFirstSlices;
     if (firsts.empty()) {
         const long long perSegment = SegmentSlices(), segment = slice / perSegment;
-        return {segment, slice % perSegment, std::min(perSegment, m_layout.slices - segment * perSegment)};
+        const long long length = std::min(perSegment, m_layout.slices - segment * perSegment);
+        return {segment, slice % perSegment, length, length};
     }
     const long long segment = std::upper_bound(firsts.begin(), firsts.end(), slice) - firsts.begin() - 1;
-    const size_t s = static_cast<size_t>(std::max(0LL, segment));
-    const long long end = s + 1 < firsts.size() ? firsts[s + 1] : m_layout.slices;
-    return {segment, slice - firsts[s], end - firsts[s]};
+    if (segment < 0)  // before the first segment: a gap
+        return {-1, slice, 0, firsts.front()};
+    const size_t s = static_cast<size_t>(segment);
+    const long long extent = (s + 1 < firsts.size() ? firsts[s + 1] : m_layout.slices) - firsts[s];
+    const long long stored = m_layout.segmentSlices > 0 ? std::min(m_layout.segmentSlices, extent) : extent;
+    return {segment, slice - firsts[s], stored, extent};
 }
 
-bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long long count, const ecReadOptions& options)
+long long ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long long count,
+                               const ecReadOptions& options)
 {
     const float* calFactors = options.calFactors;
     const float* calOffsets = options.calOffsets;
@@ -251,15 +276,24 @@ bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long lo
     const size_t channels = m_layout.channels.size();
     const int width = SampleWidth(m_layout.type);
     std::vector<float*> one(channels, nullptr);
-    for (long long done = 0; done < count;) {
-        const auto [segment, a, inSegment] = Locate(first + done);
+    long long done = 0;
+    while (done < count) {
+        const auto [segment, a, inSegment, extent] = Locate(first + done);
+        if (a >= inSegment) {  // a gap between segments reads as zeros
+            const long long gap = std::min(extent - a, count - done);
+            for (size_t c = 0; c < channels; ++c)
+                if (rows[c])
+                    std::fill(rows[c] + done, rows[c] + done + gap, 0.0f);
+            done += gap;
+            continue;
+        }
         long long b = std::min(inSegment, a + count - done);
-        if (segment < 0 || (!m_layout.segmentTable.empty() && segment >= static_cast<long long>(m_layout.segmentTable.size())))
-            return false;
+        if (!m_layout.segmentTable.empty() && segment >= static_cast<long long>(m_layout.segmentTable.size()))
+            return done;
         if (m_layout.decodedSegments) {
             const uint8_t* decoded = options.decodeSegment ? options.decodeSegment(segment) : nullptr;
             if (!decoded)
-                return false;
+                return done;
             Convert(decoded, 0, {rows, done, calFactors, calOffsets}, a, b);
             done += b - a;
             continue;
@@ -274,7 +308,7 @@ bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long lo
         }
         if (span.second - span.first <= kBlockBytes) {
             if (!ReadSpan(fp, start + span.first, span.second - span.first))
-                return false;
+                return done;
             Convert(m_buffer.data(), span.first, {rows, done, calFactors, calOffsets}, a, b);
         } else {
             b = std::min(inSegment, a + count - done);
@@ -286,12 +320,12 @@ bool ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, long lo
                     const long long e = std::min(b, s + perBlock);
                     const auto [from, to] = Span(m_layout, segmentSlices, s, e, c, c + 1);
                     if (!ReadSpan(fp, start + from, to - from))
-                        return false;
+                        return done;
                     Convert(m_buffer.data(), from, {one.data(), done + (s - a), calFactors, calOffsets}, s, e);
                 }
             }
         }
         done += b - a;
     }
-    return true;
+    return done;
 }

@@ -35,6 +35,7 @@ struct ecChannelLayout {
     long long samples = 0;  // per segment; 0 means one per slice
     double gain = 1;
     double shift = 0;
+    uint32_t mask = 0;  // non-zero: integer codes, the stored value's bits under the mask (trigger words)
 };
 
 struct FILELIB_API ecDataLayout {
@@ -47,7 +48,10 @@ struct FILELIB_API ecDataLayout {
     long long segmentStride = 0; // bytes from one segment to the next (regular segments)
     long long segmentHeader = 0; // bytes before a segment's data
     std::vector<long long> segmentTable;  // file offsets of the segments, in place of the regular ones
-    std::vector<long long> segmentFirstSlices;  // with the table: segments of unequal length start here
+    // With the table: the slices where the segments start. A segment then extends to the next
+    // one's start; when that is more than segmentSlices (if set), the slices between are a gap
+    // that reads as zeros (as are the slices before the first segment).
+    std::vector<long long> segmentFirstSlices;
     // Segments whose bytes the reader decodes (compressed records): the samples of a segment
     // come from the read's decodeSegment, channel offsets counted from its first byte.
     bool decodedSegments = false;
@@ -76,13 +80,14 @@ public:
     const ecDataLayout& Layout() const { return m_layout; }
 
     // Converts slices [first, first + count) into rows[c][0 .. count) for every channel whose row
-    // is not null. The range must lie within the recording. Returns false when the file ends
-    // before the bytes of the range (the rows then hold what was converted before that point).
-    bool Read(FILE* fp, float* const* rows, long long first, long long count, const ecReadOptions& options = {});
+    // is not null. The range must lie within the recording. Returns the slices converted: fewer
+    // than count when the file ends before the bytes of the range.
+    long long Read(FILE* fp, float* const* rows, long long first, long long count, const ecReadOptions& options = {});
 
 private:
     struct Place {
-        long long segment, slice, length;  // the segment, the slice within it, its length
+        long long segment, slice;  // the segment and the slice within it
+        long long stored, extent;  // its stored slices, and the slices up to the next segment
     };
     Place Locate(long long slice) const;
     long long SegmentStart(long long segment) const;

@@ -305,10 +305,10 @@ void ecFilebase::DescribeChannel(int chan, const std::string& name, int type, co
     SetChanOffset(chan, offset);
 }
 
-bool ecFilebase::ReadRows(ecLabeledMatrix<float>& data, long long first, long long n, long column)
+long long ecFilebase::ReadRows(ecLabeledMatrix<float>& data, long long first, long long n, long column)
 {
     if (n <= 0)
-        return true;
+        return 0;
     const size_t channels = m_engine.Layout().channels.size();
     std::vector<float*> rows(channels, nullptr);
     for (size_t r = 0; r < channels && r < static_cast<size_t>(data.nrow()); ++r)

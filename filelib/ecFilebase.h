@@ -180,8 +180,8 @@ protected:
     // The data path of readers that describe their layout to the engine.
     ecSampleEngine& Engine() { return m_engine; }
     // Converts slices [first, first + n) into columns [column, column + n) of every row of
-    // `data`; false when the file ends before them.
-    bool ReadRows(ecLabeledMatrix<float>& data, long long first, long long n, long column = 0);
+    // `data`; returns the slices converted (fewer when the file ends before them).
+    long long ReadRows(ecLabeledMatrix<float>& data, long long first, long long n, long column = 0);
     // The decoded bytes of one segment, for layouts whose segments the reader decodes; null when
     // the segment cannot be decoded.
     virtual const uint8_t* DecodeSegment(long long) { return nullptr; }

@@ -261,7 +261,7 @@ void BrainVision::DescribeLayout()
 int BrainVision::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     const long long n = PrepareBlock(data, first, count, "BrainVision");
-    if (!ReadRows(data, first, n))
+    if (ReadRows(data, first, n) != n)
         throw ecError("[BrainVision::ReadData] Error in reading the data file.", 1, 0, -1, -1);
     return static_cast<int>(n);
 }

@@ -130,7 +130,7 @@ void EGI_Simple::DescribeLayout(long long slices)
 int EGI_Simple::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     const long long n = PrepareBlock(data, first, count, "EGI_Simple");
-    if (!ReadRows(data, first, n))
+    if (ReadRows(data, first, n) != n)
         throw ecError("[EGI_Simple::ReadData] Error in reading the data file.", 1, 0, -1, -1);
     return static_cast<int>(n);
 }

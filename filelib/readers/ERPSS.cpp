@@ -268,7 +268,7 @@ int ecERPSS::ReadData(ecLabeledMatrix<float>& data, int first, int count)
                       "contact KVI for current status.",
                       1, 0, -1, -1);
     const long long n = PrepareBlock(data, first, count, "ecERPSS");
-    if (!ReadRows(data, first, n))
+    if (ReadRows(data, first, n) != n)
         Fail("ReadRecord", "Failed to read uncompressed data");
     return static_cast<int>(n);
 }

@@ -394,7 +394,7 @@ void CGeneric::ReadSpan(ecLabeledMatrix<float>& data, long long first, long long
     if (BytesPerSample(m_iDataFormat) == 0)
         throw ecError("[CGeneric::ReadEEGData]: Unrecognized data format.", 1, 0, -1, -1);
     DescribeLayout();
-    if (!GetInputFilePointer() || !ReadRows(data, first, n))
+    if (!GetInputFilePointer() || ReadRows(data, first, n) != n)
         throw ecError(failure, 1, 0, -1, -1);
 }
 
