@@ -14,7 +14,6 @@
 namespace {
 
 constexpr size_t kFixedBytes = 256;
-constexpr size_t kRawBlockBytes = 1u << 20;
 constexpr double kAnnotationOnlyRate = 1000.0;
 
 // Volts per physical unit when the dimension is a voltage, else 0.
@@ -269,12 +268,39 @@ void CEDF_BDF::SetChannels()
     if (slices > INT_MAX)
         Fail("The recording holds more than 2147483647 slices.");
     ListChannels();
-    SetSampleRate(static_cast<float>(m_rate), 0);
-    SetNumSlices(static_cast<int>(slices));
-    SetRunType(kRunContinuous);
-    SetNumEpochs(1);
-    SetEpochSlices(static_cast<int>(slices));
-    SetValidEpochCnt(1);
+    SetContinuousTimeBase(m_rate, slices);
+    DescribeLayout(slices);
+}
+
+// Records are segments of m_fastest slices, each signal stored as one run inside them; a
+// discontinuous file places every record at its own start, with gaps between.
+void CEDF_BDF::DescribeLayout(long long slices)
+{
+    ecDataLayout layout;
+    layout.type = m_bytes == 2 ? ecSampleType::Int16 : ecSampleType::Int24;
+    layout.slices = slices;
+    layout.segmentSlices = std::max(1L, m_fastest);
+    layout.firstSegment = m_headerBytes;
+    layout.segmentStride = m_recordBytes;
+    if (m_discontinuous && !m_recordStart.empty()) {
+        for (long long r = 0; r < static_cast<long long>(m_recordStart.size()); ++r)
+            layout.segmentTable.push_back(m_headerBytes + r * m_recordBytes);
+        layout.segmentFirstSlices = m_recordStart;
+    }
+    for (int signal : m_channelSignal) {
+        const Signal& s = m_signals[static_cast<size_t>(signal)];
+        if (s.annotation)
+            break;  // listed last, delivered as zeros by ReadData
+        ecChannelLayout c;
+        c.offset = s.byteOffset;
+        c.stride = m_bytes;
+        c.samples = s.samples == m_fastest ? 0 : s.samples;
+        c.gain = s.gain;
+        c.shift = s.shift;
+        c.mask = s.triggerWord ? 0xFFFF : 0;
+        layout.channels.push_back(c);
+    }
+    Engine().SetLayout(std::move(layout));
 }
 
 void CEDF_BDF::ListChannels()
@@ -325,99 +351,13 @@ void CEDF_BDF::PlaceRecords()
     }
 }
 
-long long CEDF_BDF::RecordStart(long long record) const
-{
-    return m_discontinuous && !m_recordStart.empty() ? m_recordStart[static_cast<size_t>(record)] : record * m_fastest;
-}
-
-// The record holding the slice, or the last record that starts before it (a gap).
-long long CEDF_BDF::RecordAt(long long slice) const
-{
-    if (!m_discontinuous || m_recordStart.empty())
-        return slice / std::max(1L, m_fastest);
-    const auto after = std::upper_bound(m_recordStart.begin(), m_recordStart.end(), slice);
-    return std::max<long long>(0, (after - m_recordStart.begin()) - 1);
-}
-
 int CEDF_BDF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     const long long n = PrepareBlock(data, first, count, "CEDF_BDF");
-    // Gaps between the records of a discontinuous file read as zeros, as does the annotation row.
-    if (m_discontinuous)
-        data.zero();
-    else if (m_annotationChannel >= 0)
+    if (m_annotationChannel >= 0)
         std::fill(data[m_annotationChannel], data[m_annotationChannel] + n, 0.0f);
-    const long long end = first + n;
-    const long long recordsPerRead = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / m_recordBytes);
-    for (long long r = RecordAt(first); n > 0 && r < m_records && RecordStart(r) < end; r += recordsPerRead) {
-        const long long group = std::min(recordsPerRead, m_records - r);
-        m_raw.resize(static_cast<size_t>(group * m_recordBytes));
-        const size_t got = ReadAt(GetInputFilePointer(), m_headerBytes + r * m_recordBytes, m_raw.data(), m_raw.size());
-        const long long complete = static_cast<long long>(got) / m_recordBytes;
-        for (long long k = 0; k < complete && RecordStart(r + k) < end; ++k)
-            DecodeRecord(m_raw.data() + k * m_recordBytes, RecordStart(r + k), first, end, data);
-        if (complete < group)  // the file shrank since it was opened: what is left is not data
-            return static_cast<int>(std::clamp<long long>(RecordStart(r + complete) - first, 0, n));
-    }
-    return static_cast<int>(n);
-}
-
-// The slices [from, to) of one record that fall into the block [first, end).
-void CEDF_BDF::DecodeRecord(const uint8_t* record, long long start, long long first, long long end,
-                            ecLabeledMatrix<float>& data)
-{
-    const long long from = std::max(first, start), to = std::min(end, start + m_fastest);
-    if (from >= to)
-        return;
-    for (size_t c = 0; c < m_channelSignal.size(); ++c) {
-        const Signal& s = m_signals[static_cast<size_t>(m_channelSignal[c])];
-        if (s.annotation)
-            continue;
-        float* out = data[static_cast<long>(c)] + (from - first);
-        const uint8_t* samples = record + s.byteOffset;
-        if (s.samples == m_fastest) {
-            DecodeRun(samples, static_cast<long>(from - start), static_cast<long>(to - start), s, out);
-            continue;
-        }
-        // A slower signal: the stored samples this slice range shows, decoded once, then held.
-        const long i0 = static_cast<long>((from - start) * s.samples / m_fastest);
-        const long i1 = static_cast<long>((to - 1 - start) * s.samples / m_fastest) + 1;
-        m_samples.resize(static_cast<size_t>(i1 - i0));
-        DecodeRun(samples, i0, i1, s, m_samples.data());
-        for (long long t = from; t < to; ++t)
-            out[t - from] = m_samples[static_cast<size_t>((t - start) * s.samples / m_fastest - i0)];
-    }
-}
-
-namespace {
-template <int Bytes>
-inline int32_t Digital(const uint8_t* p)
-{
-    if constexpr (Bytes == 2)
-        return static_cast<int16_t>(LoadU16LE(p));
-    return static_cast<int32_t>(static_cast<uint32_t>(p[0] << 8 | p[1] << 16 | p[2] << 24)) >> 8;
-}
-
-template <int Bytes>
-void DecodeSamples(const uint8_t* samples, long i0, long i1, double shift, double gain, bool word, float* out)
-{
-    if (word) {
-        for (long i = i0; i < i1; ++i)
-            out[i - i0] = static_cast<float>(Digital<Bytes>(samples + Bytes * i) & 0xFFFF);
-        return;
-    }
-    for (long i = i0; i < i1; ++i)
-        out[i - i0] = static_cast<float>((Digital<Bytes>(samples + Bytes * i) + shift) * gain);
-}
-}  // namespace
-
-// Samples [i0, i1) of one signal in one record into out[0 .. i1 - i0).
-void CEDF_BDF::DecodeRun(const uint8_t* samples, long i0, long i1, const Signal& s, float* out) const
-{
-    if (m_bytes == 2)
-        DecodeSamples<2>(samples, i0, i1, s.shift, s.gain, s.triggerWord, out);
-    else
-        DecodeSamples<3>(samples, i0, i1, s.shift, s.gain, s.triggerWord, out);
+    // A file that shrank since it was opened: what is left is not data.
+    return static_cast<int>(ReadRows(data, first, n));
 }
 
 // Seconds from the start of the data to the nearest slice, kept within a range where later

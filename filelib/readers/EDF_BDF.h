@@ -69,17 +69,13 @@ private:
     void ParseSignals(const std::vector<uint8_t>& header, long signals);
     void SetScaling(Signal& s, double pmin, double pmax, long long dmin, long long dmax) const;
     void SetChannels();
+    void DescribeLayout(long long slices);
     void ListChannels();
     void PlaceRecords();
     std::vector<uint8_t> SignalBytes(long long record, const Signal& s);
     double TimekeepingOnset(long long record);
     void AnnotationEvents(ecEventList& events, int& appended);
-    void DecodeRecord(const uint8_t* record, long long start, long long first, long long end,
-                      ecLabeledMatrix<float>& data);
-    void DecodeRun(const uint8_t* samples, long i0, long i1, const Signal& s, float* out) const;
     long SliceOf(double seconds) const;
-    long long RecordAt(long long slice) const;
-    long long RecordStart(long long record) const;
     [[noreturn]] void Fail(const std::string& text);
 
     int m_bytes = 0;
@@ -97,6 +93,4 @@ private:
     bool m_discontinuous = false;
     std::vector<long long> m_recordStart;  // discontinuous files: first slice of every record
     long long m_fileSize = 0;
-    std::vector<uint8_t> m_raw;
-    std::vector<float> m_samples;
 };
