@@ -8,7 +8,6 @@
 #include <new>
 
 #include "companion/ByteCursor.h"
-#include "companion/Deinterleave.h"
 #include "companion/Utility.h"
 #include "companion/Xml.h"
 
@@ -22,7 +21,6 @@ constexpr int kEventRecordBytes = 19;
 constexpr int kMaxEvents = 30000;
 constexpr float kContinuousVoltsPerCount = 4.8828124e-09f;
 constexpr double kEpochVoltsPerCount = 4.8828125e-09;
-constexpr size_t kRawBlockBytes = 1u << 20;
 
 [[noreturn]] void Fail(const std::string& text) { throw ecError(text.c_str(), 1, 0, -1, -1); }
 
@@ -35,8 +33,6 @@ int RunTypeOfExtension(const std::string& ext)
     return kRunSingleEpoch;
 }
 
-inline float Int16At(const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16LE(p))); }
-inline float Int32At(const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32LE(p))); }
 
 }  // namespace
 
@@ -437,140 +433,115 @@ int CNeuroscan::ReadCNTData2(ecLabeledMatrix<float>& data, int first, int count)
     return ReadMultiplexed(data, first, SizeBlock(data, first, count, who), 4, who);
 }
 
-int CNeuroscan::ReadMultiplexed(ecLabeledMatrix<float>& data, int first, int count, int width, const char* who)
+// Continuous data through the engine: slice after slice, or (blocked files) in blocks of
+// m_iChannelOffset / 2 slices holding each channel's run after the other's.
+void CNeuroscan::DescribeContinuous(int width)
 {
-    int slices = 0;
-    if (count > 0) {
-        const long long sliceBytes = static_cast<long long>(m_iChannels) * width;
-        const long long start = m_iHeaderSize + first * sliceBytes;
-        // A truncated file holds fewer slices than its header promises: no buffer beyond its end.
-        const long long held = std::clamp<long long>((m_fileSize - start) / sliceBytes, 0, count);
-        FILE* fp = GetInputFilePointer();
-        if (!SeekTo(fp, start))
-            Fail(std::string(who) + "Error in seeking CNT data.");
-        m_raw.resize(static_cast<size_t>(held * sliceBytes));
-        const size_t got = std::fread(m_raw.data(), 1, m_raw.size(), fp);
-        if (got < m_raw.size() && std::ferror(fp))
-            Fail(std::string(who) + "Error in reading CNT data.");
-        slices = static_cast<int>(static_cast<long long>(got) / sliceBytes);
-        DeinterleaveSlices(data, slices, width);
+    ecDataLayout layout = ecDataLayout::Multiplexed(width == 2 ? ecSampleType::Int16 : ecSampleType::Int32, false,
+                                                    m_iChannels, m_iChannels, m_iHeaderSize, GetNumSlices());
+    layout.exact = false;
+    if (m_iContinuousType == 3) {
+        const long long blockSlices = m_iChannelOffset / 2;
+        layout.segmentSlices = blockSlices;
+        layout.segmentStride = blockSlices * m_iChannels * 2;
+        for (int c = 0; c < m_iChannels; ++c) {
+            layout.channels[static_cast<size_t>(c)].offset = c * blockSlices * 2;
+            layout.channels[static_cast<size_t>(c)].stride = 2;
+        }
     }
     for (int c = 0; c < m_iChannels; ++c)
-        std::fill(data[c] + slices, data[c] + data.ncol(), 0.0f);  // what the file or the recording does not hold
-    return slices;
+        layout.SetConversion(c, m_factors[static_cast<size_t>(c)], m_baselines[static_cast<size_t>(c)]);
+    Engine().SetLayout(std::move(layout));
 }
 
-void CNeuroscan::DeinterleaveSlices(ecLabeledMatrix<float>& data, int slices, int width)
+// The slices a truncated file still holds whole (in a block, those whose last channel's
+// sample is there, as that channel's run comes last).
+long long CNeuroscan::HeldSlices(int width) const
 {
-    const size_t channels = static_cast<size_t>(m_iChannels);
-    std::vector<float*> rows(channels);
-    for (size_t c = 0; c < channels; ++c)
-        rows[c] = data[static_cast<long>(c)];
-    const size_t sliceBytes = channels * static_cast<size_t>(width);
-    if (width == 2)
-        Deinterleave(m_raw.data(), static_cast<size_t>(slices), channels, 2, sliceBytes, rows.data(),
-                     m_baselines.data(), m_factors.data(), Int16At);
-    else
-        Deinterleave(m_raw.data(), static_cast<size_t>(slices), channels, 4, sliceBytes, rows.data(),
-                     m_baselines.data(), m_factors.data(), Int32At);
+    const long long bytes = std::max(0LL, m_fileSize - m_iHeaderSize);
+    if (m_iContinuousType != 3)
+        return bytes / std::max(1LL, static_cast<long long>(m_iChannels) * width);
+    const long long blockSlices = m_iChannelOffset / 2, blockBytes = blockSlices * m_iChannels * 2;
+    const long long lastRunStart = static_cast<long long>(m_iChannels - 1) * blockSlices * 2;
+    return bytes / blockBytes * blockSlices + std::clamp((bytes % blockBytes - lastRunStart) / 2, 0LL, blockSlices);
+}
+
+int CNeuroscan::ReadMultiplexed(ecLabeledMatrix<float>& data, int first, int count, int width, const char* who)
+{
+    const long long held = std::clamp<long long>(HeldSlices(width) - first, 0, count);
+    DescribeContinuous(width);
+    const long long slices = ReadRows(data, first, held);
+    if (slices < held)
+        Fail(std::string(who) + "Error in reading CNT data.");
+    for (int c = 0; c < m_iChannels; ++c)
+        std::fill(data[c] + slices, data[c] + data.ncol(), 0.0f);  // what the file or the recording does not hold
+    return static_cast<int>(slices);
 }
 
 int CNeuroscan::ReadBlocked(ecLabeledMatrix<float>& data, int first, int count)
 {
-    data.zero();
-    if (count <= 0)
-        return 0;
-    const long long blockSlices = m_iChannelOffset / 2;
-    const long long blockBytes = blockSlices * m_iChannels * 2;
-    if (blockSlices <= 0 || blockBytes > m_fileSize)
-        Fail("[CNeuroscan::ReadCNTData]: Offset out of range error.");
-    const long long firstBlock = first / blockSlices;
-    const long long lastBlock = (static_cast<long long>(first) + count - 1) / blockSlices;
-    const long long blocksPerRead = std::max<long long>(1, static_cast<long long>(kRawBlockBytes) / blockBytes);
-    FILE* fp = GetInputFilePointer();
-    int slicesRead = 0;
-    for (long long block = firstBlock; block <= lastBlock; block += blocksPerRead) {
-        const long long blocks = std::min(blocksPerRead, lastBlock - block + 1);
-        if (!SeekTo(fp, m_iHeaderSize + block * blockBytes))
-            Fail("[CNeuroscan::ReadCNTData]: Error in seeking block data.");
-        m_raw.resize(static_cast<size_t>(blocks * blockBytes));
-        const size_t got = std::fread(m_raw.data(), 1, m_raw.size(), fp);
-        if (got < m_raw.size() && std::ferror(fp))
-            Fail("[CNeuroscan::ReadCNTData]: Error in reading block data.");
-        for (long long b = 0; b < blocks; ++b) {
-            const long long blockStart = (block + b) * blockSlices;
-            const long long from = std::max<long long>(first, blockStart);
-            const long long to = std::min<long long>(static_cast<long long>(first) + count, blockStart + blockSlices);
-            // Slices of this block whose every channel was read (the last channel's run comes last).
-            const long long blockBytesRead = std::clamp<long long>(static_cast<long long>(got) - b * blockBytes, 0, blockBytes);
-            const long long lastRunStart = static_cast<long long>(m_iChannels - 1) * blockSlices * 2;
-            const long long complete = std::clamp<long long>((blockBytesRead - lastRunStart) / 2, 0, blockSlices);
-            const long long end = std::min(to, blockStart + complete);
-            if (end <= from)
-                continue;
-            slicesRead += static_cast<int>(end - from);
-            for (int c = 0; c < m_iChannels; ++c) {
-                // Each channel's run within a block is contiguous: one tight loop per run.
-                const uint8_t* src = m_raw.data() + b * blockBytes + (c * blockSlices + (from - blockStart)) * 2;
-                float* out = data[c] + (from - first);
-                const float f = m_factors[static_cast<size_t>(c)], base = m_baselines[static_cast<size_t>(c)];
-                for (long long t = 0; t < end - from; ++t)
-                    out[t] = (Int16At(src + 2 * t) - base) * f;
-            }
-        }
-    }
-    return slicesRead;
-}
-
-int CNeuroscan::ReadEpochRange(ecLabeledMatrix<float>& data, int first, int count)
-{
-    // Every epoch the range touches is read: a range past the last epoch is refused by
-    // ReadEEGData, not padded.
-    if (m_iPoints <= 0) {  // a header that failed its checks holds no epoch
+    if (count <= 0) {
         data.zero();
         return 0;
     }
-    ecLabeledMatrix<float> epoch;
-    for (long long done = 0; done < count;) {
-        const long long slice = first + done;
-        const int e = static_cast<int>(std::min<long long>(slice / m_iPoints, INT_MAX));
-        const long long t0 = slice % m_iPoints;
-        const long long take = std::min<long long>(count - done, m_iPoints - t0);
-        ReadEEGData(epoch, e);
-        for (int c = 0; c < m_iChannels; ++c)
-            std::copy_n(epoch[c] + t0, take, data[c] + done);
-        done += take;
-    }
-    return count;
+    const long long blockSlices = m_iChannelOffset / 2;
+    if (blockSlices <= 0 || m_iChannels <= 0 || blockSlices * m_iChannels * 2 > m_fileSize)
+        Fail("[CNeuroscan::ReadCNTData]: Offset out of range error.");
+    return ReadMultiplexed(data, first, count, 2, "[CNeuroscan::ReadCNTData]: ");
 }
 
-void CNeuroscan::ReadEEGData(ecLabeledMatrix<float>& data, int epoch)
+// Epochs through the engine: sweeps of m_iPoints slices, each behind its 13-byte header.
+// Epoched data use neither the baseline nor the sensitivity.
+void CNeuroscan::DescribeEpochs()
+{
+    const long long sweepData = static_cast<long long>(m_iChannels) * m_iPoints * m_nBytes;
+    ecDataLayout layout = ecDataLayout::Multiplexed(m_nBytes == 2 ? ecSampleType::Int16 : ecSampleType::Int32, false,
+                                                    m_iChannels, m_iChannels, m_iHeaderSize,
+                                                    static_cast<long long>(m_iSweeps) * m_iPoints);
+    layout.exact = false;
+    layout.segmentSlices = m_iPoints;
+    layout.segmentHeader = kSweepHeaderBytes;
+    layout.segmentStride = kSweepHeaderBytes + sweepData;
+    for (int c = 0; c < m_iChannels; ++c)
+        layout.SetConversion(
+            c, static_cast<float>(m_dScale * m_electrodes[static_cast<size_t>(c)].calibration * kEpochVoltsPerCount), 0);
+    Engine().SetLayout(std::move(layout));
+}
+
+// The checks of reading one epoch, in their order.
+void CNeuroscan::CheckEpoch(int epoch)
 {
     if (GetRunType() != kRunMultiEpoch)
         Fail("[CNeuroscan::ReadEEGData]: Wrong file type.");
     if (epoch < 0 || epoch >= m_iSweeps)
         Fail("[CNeuroscan::ReadEEGData]: Epoch number is out of range.");
-    const size_t sweepData = static_cast<size_t>(m_iChannels) * m_iPoints * m_nBytes;
-    const long long start = m_iHeaderSize + epoch * static_cast<long long>(kSweepHeaderBytes + sweepData) + kSweepHeaderBytes;
-    if (start + static_cast<long long>(sweepData) > m_fileSize)
+    const long long sweepData = static_cast<long long>(m_iChannels) * m_iPoints * m_nBytes;
+    if (m_iHeaderSize + (epoch + 1LL) * (kSweepHeaderBytes + sweepData) > m_fileSize)
         Fail("[CNeuroscan::ReadEEGData]: Error in reading epoch data.");
-    FILE* fp = GetInputFilePointer();
-    if (!SeekTo(fp, start))
-        Fail("[CNeuroscan::ReadEEGData]: Error in seeking data.");
-    m_raw.resize(sweepData);
-    if (std::fread(m_raw.data(), 1, sweepData, fp) != sweepData)
-        Fail("[CNeuroscan::ReadEEGData]: Error in reading epoch data.");
-    data.resize(m_iChannels, m_iPoints, 0, 0);
-    const size_t sliceBytes = static_cast<size_t>(m_iChannels) * m_nBytes;
-    for (int c = 0; c < m_iChannels; ++c) {
-        // Epoched data use neither the baseline nor the sensitivity.
-        const float factor =
-            static_cast<float>(m_dScale * m_electrodes[static_cast<size_t>(c)].calibration * kEpochVoltsPerCount);
-        const uint8_t* src = m_raw.data() + static_cast<size_t>(c) * m_nBytes;
-        float* out = data[c];
-        for (int t = 0; t < m_iPoints; ++t, src += sliceBytes)
-            out[t] = (m_nBytes == 2 ? Int16At(src) : Int32At(src)) * factor;
+}
+
+int CNeuroscan::ReadEpochRange(ecLabeledMatrix<float>& data, int first, int count)
+{
+    // Every epoch the range touches must be there: a range past the last epoch is refused, not padded.
+    if (m_iPoints <= 0) {  // a header that failed its checks holds no epoch
+        data.zero();
+        return 0;
     }
+    for (long long slice = first; slice < static_cast<long long>(first) + count; slice += m_iPoints - slice % m_iPoints)
+        CheckEpoch(static_cast<int>(std::min<long long>(slice / m_iPoints, INT_MAX)));
+    DescribeEpochs();
+    if (ReadRows(data, first, count) != count)
+        Fail("[CNeuroscan::ReadEEGData]: Error in reading epoch data.");
+    return count;
+}
+
+void CNeuroscan::ReadEEGData(ecLabeledMatrix<float>& data, int epoch)
+{
+    CheckEpoch(epoch);
+    data.resize(m_iChannels, m_iPoints, 0, 0);
+    DescribeEpochs();
+    if (ReadRows(data, static_cast<long long>(epoch) * m_iPoints, m_iPoints) != m_iPoints)
+        Fail("[CNeuroscan::ReadEEGData]: Error in reading epoch data.");
     LabelRows(data);
 }
 

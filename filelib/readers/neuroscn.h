@@ -55,7 +55,10 @@ private:
     int SizeBlock(ecLabeledMatrix<float>& data, int first, int count, const std::string& who);
     // ReadMultiplexed and ReadBlocked fill the first `count` columns from the file and zero the rest.
     int ReadMultiplexed(ecLabeledMatrix<float>& data, int first, int count, int width, const char* who);
-    void DeinterleaveSlices(ecLabeledMatrix<float>& data, int slices, int width);
+    void DescribeContinuous(int width);
+    long long HeldSlices(int width) const;
+    void DescribeEpochs();
+    void CheckEpoch(int epoch);
     int ReadBlocked(ecLabeledMatrix<float>& data, int first, int count);
     int ReadEpochRange(ecLabeledMatrix<float>& data, int first, int count);
     void ReadEEGData(ecLabeledMatrix<float>& data, int epoch);
