@@ -34,14 +34,14 @@ const std::vector<ecReaderEntry>& ReaderTable()
 {
     static const std::vector<ecReaderEntry> table = SortedByProbe({
         // code, class, format, probe position, Initialize argument, factory, pre-check
-        {2, "CGeneric", "ORVA generic (.orva_hdr + raw data)", 1, 0, &Create<CGeneric>, &GenericHeaderParses},
-        {22, "CEDF_BDF", "BDF / BDF+ (BioSemi, 24-bit)", 3, 3, &Create<CEDF_BDF>, nullptr},
-        {21, "CEDF_BDF", "EDF / EDF+ (16-bit)", 4, 2, &Create<CEDF_BDF>, nullptr},
-        {4, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
-        {29, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
-        {20, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
-        {28, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
-        {44, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
+        {kMfrGeneric, "CGeneric", "ORVA generic (.orva_hdr + raw data)", 1, 0, &Create<CGeneric>, &GenericHeaderParses},
+        {kMfrBDF, "CEDF_BDF", "BDF / BDF+ (BioSemi, 24-bit)", 3, 3, &Create<CEDF_BDF>, nullptr},
+        {kMfrEDF, "CEDF_BDF", "EDF / EDF+ (16-bit)", 4, 2, &Create<CEDF_BDF>, nullptr},
+        {kMfrNeuroscan, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
+        {kMfrBrainVision, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
+        {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
+        {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
+        {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
     });
     return table;
 }

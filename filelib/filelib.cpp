@@ -31,7 +31,7 @@ ecFilebase& CFilelib::Require(const char* method)
 
 CGeneric* CFilelib::ActiveGeneric()
 {
-    return m_iFileSource == 2 ? dynamic_cast<CGeneric*>(m_activeFile.get()) : nullptr;
+    return m_iFileSource == kMfrGeneric ? dynamic_cast<CGeneric*>(m_activeFile.get()) : nullptr;
 }
 
 void CFilelib::SetInputFileName(const char* name)
@@ -47,7 +47,7 @@ std::string CFilelib::GetInputFileName()
 
 unsigned int CFilelib::GetFileSource()
 {
-    if (m_iFileSource == 33 || !m_activeFile)
+    if (m_iFileSource == kMfrMetaFile || !m_activeFile)
         return static_cast<unsigned int>(m_iFileSource);
     return static_cast<unsigned int>(m_activeFile->GetFileMFR());
 }
@@ -95,7 +95,7 @@ int CFilelib::GuessFileType(std::string& fileName)
 
 void CFilelib::Initialize(int)
 {
-    if (m_sInputFileName.empty() && m_iFileSource != 25)
+    if (m_sInputFileName.empty() && m_iFileSource != kMfrPersyst)
         throw std::runtime_error("[CFilelib::Initialize]: ORVA error - Input file name is null.");
     m_activeFile.reset();
     const ecReaderEntry* row = FindReader(m_iFileSource);

@@ -130,7 +130,7 @@ void BrainVision::Initialize(int)
     // The signature is in the first line; only a header is read whole.
     if (!IsBrainVisionHeader(GetInputFileName()))
         Fail("Not a BrainVision header: " + GetInputFileName());
-    SetFileMFR(29);
+    SetFileMFR(kMfrBrainVision);
     ecIniText ini;
     if (!ini.ReadFile(GetInputFileName(), kMaxHeaderBytes, "Comment"))
         Fail("Cannot read the header file " + GetInputFileName());

@@ -130,7 +130,7 @@ void CEDF_BDF::Initialize(int bytesPerSample)
     if (!biosemi && !edf)
         Fail("Not an EDF or BDF file: " + name);
     m_bytes = bytesPerSample == 2 || bytesPerSample == 3 ? bytesPerSample : (biosemi ? 3 : 2);
-    SetFileMFR(m_bytes == 3 ? 22 : 21);  // the file is ours from here on: later failures mean damage
+    SetFileMFR(m_bytes == 3 ? kMfrBDF : kMfrEDF);  // the file is ours from here on: later failures mean damage
 
     long long headerBytes = 0, records = 0;
     double duration = 0;

@@ -39,7 +39,7 @@ void EGI_Simple::Initialize(int)
                            hour >= 0 && hour < 24 && minute >= 0 && minute < 60 && second >= 0 && second < 61;
     if (!signature)
         Fail("Not an EGI simple binary file: " + name);
-    SetFileMFR(44);
+    SetFileMFR(kMfrEGISimple);
 
     const int rate = h.i16be(20);
     m_eegChannels = h.i16be(22);

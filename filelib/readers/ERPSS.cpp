@@ -78,7 +78,7 @@ void ecERPSS::Initialize(int)
     const uint16_t magic = ByteCursor(m_rawHeader.data(), m_rawHeader.size()).u16le(0);
     m_bSwabbed = magic == kMagicSwabbed;
     if ((magic == kMagic || magic == kMagicSwabbed) && Word(m_rawHeader, 2) == 0xB0)
-        SetFileMFR(28);
+        SetFileMFR(kMfrERPSS);
     m_iChannels = Word(m_rawHeader, 6);
     m_iPoints = Word(m_rawHeader, 18);
     m_bCompressed = Word(m_rawHeader, 4) != 0;

@@ -255,7 +255,7 @@ void CGeneric::Initialize(int)
 {
     if (!m_bHeaderRead && !ReadHeader())
         throw ecError("[CGeneric::Initialize] Unable to read header file: " + GetHeaderFileName());
-    SetFileMFR(2);
+    SetFileMFR(kMfrGeneric);
     if (GetRunType() == 0)
         SetRunType(GetNumEpochs() > 1 ? kRunMultiEpoch : kRunContinuous);
     if (m_iDataFormat != kFmtASCII && BytesPerSample(m_iDataFormat) == 0)

@@ -554,7 +554,7 @@ void ecNeuromag_FIFF::Initialize(int)
         CloseInputFile();
         Fail("[ecNeuromag_FIFF::Initialize] Not a FIFF file (its first tag is not FILE_ID): " + name);
     }
-    SetFileMFR(20);
+    SetFileMFR(kMfrFIFF);
     ReadAllTagRecords();
     MapBlocks();
     SetSampleRate(ReadMeasurementInfo(), 0);

@@ -99,7 +99,7 @@ void CNeuroscan::Initialize(int)
     SetPreStim(h.f32le(505));
     SetSampleRate(static_cast<float>(h.u16le(376)), 0);
     SetValidEpochCnt(m_iSweeps);
-    SetFileMFR(4);
+    SetFileMFR(kMfrNeuroscan);
 }
 
 void CNeuroscan::CheckHeader(std::vector<uint8_t>& setup)
