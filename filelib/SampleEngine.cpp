@@ -312,8 +312,12 @@ long long ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, lo
             Convert(m_buffer.data(), span.first, {rows, done, calFactors, calOffsets}, a, b);
         } else {
             b = std::min(inSegment, a + count - done);
-            const long long perBlock = std::max<long long>(1, kBlockBytes / width);
             for (size_t c = 0; c < channels; ++c) {
+                if (!rows[c])
+                    continue;
+                // A block of this channel's samples, however far apart they lie.
+                const long long perBlock =
+                    std::max<long long>(1, kBlockBytes / std::max<long long>(width, m_layout.channels[c].stride));
                 std::fill(one.begin(), one.end(), nullptr);
                 one[c] = rows[c];
                 for (long long s = a; s < b; s += perBlock) {

@@ -14,6 +14,7 @@
 #include "fixtures/Exercise.h"
 #include "fixtures/GenericFiles.h"
 #include "fixtures/NeuroscanFiles.h"
+#include "fixtures/VendorFiles.h"
 
 namespace {
 
@@ -263,20 +264,11 @@ TEST(Malformed, ErpssAndFiff)
     e.Integers(Of(erpss), {4, 6, 18, 512 + 4, 512 + 6, 512 + 10, 512 + 20, 512 + 22, 512 + 40}, 2, false);
     EXPECT_GT(e.Refused(), 0);
 
-    auto tag = [](Bytes& b, uint32_t kind, uint32_t type, const Bytes& data) {
-        b.u32be(kind).u32be(type).u32be(static_cast<uint32_t>(data.size())).u32be(0);
-        for (uint8_t v : data.data())
-            b.u8(v);
-    };
-    Bytes fiff;
-    tag(fiff, 100, 31, Bytes().zeros(4));
-    tag(fiff, 204, 3, Bytes().u32be(0));
-    tag(fiff, 200, 3, Bytes().u32be(1));
-    tag(fiff, 201, 4, Bytes().f32be(100));
-    tag(fiff, 203, 30, Bytes().u32be(1).u32be(1).u32be(3).f32be(1).f32be(1).zeros(52).u32be(107).u32be(0).text("STI", 16, '\0'));
-    tag(fiff, 300, 3, Bytes().u32be(0).u32be(5).u32be(0));
-    tag(fiff, 301, 3, Bytes().u32be(2));
-    fiff.u32be(108).u32be(0).u32be(0).u32be(0xFFFFFFFF);
+    Fiff built;
+    built.tag(100, 31, Bytes().zeros(4)).u32(204, 0).u32(200, 1).f32(201, 100);
+    built.tag(203, 30, Bytes().u32be(1).u32be(1).u32be(3).f32be(1).f32be(1).zeros(52).u32be(107).u32be(0).text("STI", 16, '\0'));
+    built.tag(300, 3, Bytes().u32be(0).u32be(5).u32be(0)).u32(301, 2).end();
+    const Bytes& fiff = built.bytes();
     Sweep f(dir.path("m.fif"));
     f.Truncations(Of(fiff), 0, 5);
     // Tag sizes and next pointers (every tag header), NCHAN and the buffers' contents.
