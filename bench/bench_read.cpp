@@ -54,6 +54,7 @@ struct Recording {
     bool bigEndian;
     bool isFloat;
     std::string dataPath = {};  // the samples' file, when not `path`
+    bool exact = false;         // converted in double and rounded once (EDF, BDF)
     const std::string& DataFile() const { return dataPath.empty() ? path : dataPath; }
 };
 
@@ -108,7 +109,7 @@ Recording Edf(const std::string& dir, const char* name, bool bdf)
         header.u8(file.data()[i]);
     const std::string path = dir + "/" + name;
     WriteFile(path, header, records * recordBytes);
-    return {path, static_cast<long long>(header.size()), records * recordBytes, bytes, false, false};
+    return {path, static_cast<long long>(header.size()), records * recordBytes, bytes, false, false, {}, true};
 }
 
 Bytes FiffTag(uint32_t kind, uint32_t type, const Bytes& data, uint32_t next = 0)
@@ -262,10 +263,17 @@ void BM_ReadData(benchmark::State& state, const std::string& format)
     state.SetBytesProcessed(state.iterations() * r.dataBytes);
 }
 
-// The practical limit: fread 1 MiB blocks, convert every sample with one scale factor in a loop
-// specialised for the sample type.
-template <typename Decode>
-void PlainLoop(benchmark::State& state, const Recording& r, Decode decode)
+inline float FloatOf(uint32_t bits)
+{
+    float f;
+    std::memcpy(&f, &bits, 4);
+    return f;
+}
+
+// The practical limit: fread 1 MiB blocks and convert every sample, in storage order, with one
+// scale factor in a loop specialised for the sample type.
+template <typename Convert>
+void PlainLoopWith(benchmark::State& state, const Recording& r, Convert convert)
 {
     const size_t width = static_cast<size_t>(r.sampleBytes);
     std::vector<uint8_t> raw((1 << 20) - (1 << 20) % width);
@@ -282,7 +290,7 @@ void PlainLoop(benchmark::State& state, const Recording& r, Decode decode)
             const size_t n = got / width;
             const uint8_t* p = raw.data();
             for (size_t i = 0; i < n; ++i, p += width)
-                out[i] = decode(p) * 1e-7f;
+                out[i] = convert(p);
             sum += out[0];
             done += static_cast<long long>(got);
         }
@@ -290,6 +298,17 @@ void PlainLoop(benchmark::State& state, const Recording& r, Decode decode)
         benchmark::DoNotOptimize(sum);
     }
     state.SetBytesProcessed(state.iterations() * r.dataBytes);
+}
+
+// In the format's own arithmetic: double rounded once where its values must be exact (EDF, BDF).
+template <typename Decode>
+void PlainLoop(benchmark::State& state, const Recording& r, Decode decode)
+{
+    if (r.exact)
+        return PlainLoopWith(state, r, [decode](const uint8_t* p) {
+            return static_cast<float>((static_cast<double>(decode(p)) + 0.5) * 1e-7);
+        });
+    PlainLoopWith(state, r, [decode](const uint8_t* p) { return decode(p) * 1e-7f; });
 }
 
 void BM_Baseline(benchmark::State& state, const std::string& format)
@@ -304,9 +323,9 @@ void BM_Baseline(benchmark::State& state, const std::string& format)
     if (r.sampleBytes == 2)
         return PlainLoop(state, r, [](const uint8_t* p) { return static_cast<float>(static_cast<int16_t>(LoadU16LE(p))); });
     if (r.isFloat && r.bigEndian)
-        return PlainLoop(state, r, [](const uint8_t* p) { return BitsToFloat(LoadU32BE(p)); });
+        return PlainLoop(state, r, [](const uint8_t* p) { return FloatOf(LoadU32BE(p)); });
     if (r.isFloat)
-        return PlainLoop(state, r, [](const uint8_t* p) { return BitsToFloat(LoadU32LE(p)); });
+        return PlainLoop(state, r, [](const uint8_t* p) { return FloatOf(LoadU32LE(p)); });
     return PlainLoop(state, r, [](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32LE(p))); });
 }
 

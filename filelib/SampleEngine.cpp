@@ -1,6 +1,8 @@
 #include "filelib/SampleEngine.h"
 
 #include <algorithm>
+#include <cstring>
+#include <type_traits>
 #include <utility>
 
 #include "companion/ByteCursor.h"
@@ -15,50 +17,68 @@ constexpr long long kBlockBytes = 1LL << 20;
 // cache while every row is written sequentially.
 constexpr long long kTileSlices = 64;
 
-int32_t Int24LE(const uint8_t* p)
+// The stored number of each sample type, in its natural type (integers as int32_t), with the
+// sample's width known at compile time so that contiguous runs vectorise.
+template <int Width, typename Raw, Raw (*Load)(const uint8_t*)>
+struct Decoder {
+    static constexpr int kWidth = Width;
+    Raw operator()(const uint8_t* p) const { return Load(p); }
+};
+
+int32_t I8(const uint8_t* p) { return static_cast<int8_t>(*p); }
+int32_t U8(const uint8_t* p) { return *p; }
+int32_t I16LE(const uint8_t* p) { return static_cast<int16_t>(LoadU16LE(p)); }
+int32_t I16BE(const uint8_t* p) { return static_cast<int16_t>(LoadU16BE(p)); }
+int32_t U16LE(const uint8_t* p) { return LoadU16LE(p); }
+int32_t U16BE(const uint8_t* p) { return LoadU16BE(p); }
+int32_t I24LE(const uint8_t* p)
 {
     const uint32_t u = static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16);
     return static_cast<int32_t>(u << 8) >> 8;
 }
-int32_t Int24BE(const uint8_t* p)
+int32_t I24BE(const uint8_t* p)
 {
     const uint32_t u = (static_cast<uint32_t>(p[0]) << 16) | (static_cast<uint32_t>(p[1]) << 8) | static_cast<uint32_t>(p[2]);
     return static_cast<int32_t>(u << 8) >> 8;
 }
+int32_t I32LE(const uint8_t* p) { return static_cast<int32_t>(LoadU32LE(p)); }
+int32_t I32BE(const uint8_t* p) { return static_cast<int32_t>(LoadU32BE(p)); }
+template <uint32_t (*Load)(const uint8_t*)>
+float F32(const uint8_t* p)
+{
+    const uint32_t bits = Load(p);
+    float f;
+    std::memcpy(&f, &bits, 4);
+    return f;
+}
+template <uint64_t (*Load)(const uint8_t*)>
+double F64(const uint8_t* p)
+{
+    const uint64_t bits = Load(p);
+    double d;
+    std::memcpy(&d, &bits, 8);
+    return d;
+}
 
-// Calls apply(decode) with the decoder of the sample type; decode(p) gives the stored number.
+// Calls apply(decode) with the decoder of the sample type.
 template <typename Apply>
 void WithDecoder(ecSampleType type, bool bigEndian, Apply apply)
 {
     switch (type) {
-    case ecSampleType::Int8:
-        return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int8_t>(*p)); });
-    case ecSampleType::UInt8:
-        return apply([](const uint8_t* p) { return static_cast<double>(*p); });
+    case ecSampleType::Int8: return apply(Decoder<1, int32_t, I8>());
+    case ecSampleType::UInt8: return apply(Decoder<1, int32_t, U8>());
     case ecSampleType::Int16:
-        if (bigEndian)
-            return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int16_t>(LoadU16BE(p))); });
-        return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int16_t>(LoadU16LE(p))); });
+        return bigEndian ? apply(Decoder<2, int32_t, I16BE>()) : apply(Decoder<2, int32_t, I16LE>());
     case ecSampleType::UInt16:
-        if (bigEndian)
-            return apply([](const uint8_t* p) { return static_cast<double>(LoadU16BE(p)); });
-        return apply([](const uint8_t* p) { return static_cast<double>(LoadU16LE(p)); });
+        return bigEndian ? apply(Decoder<2, int32_t, U16BE>()) : apply(Decoder<2, int32_t, U16LE>());
     case ecSampleType::Int24:
-        if (bigEndian)
-            return apply([](const uint8_t* p) { return static_cast<double>(Int24BE(p)); });
-        return apply([](const uint8_t* p) { return static_cast<double>(Int24LE(p)); });
+        return bigEndian ? apply(Decoder<3, int32_t, I24BE>()) : apply(Decoder<3, int32_t, I24LE>());
     case ecSampleType::Int32:
-        if (bigEndian)
-            return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int32_t>(LoadU32BE(p))); });
-        return apply([](const uint8_t* p) { return static_cast<double>(static_cast<int32_t>(LoadU32LE(p))); });
+        return bigEndian ? apply(Decoder<4, int32_t, I32BE>()) : apply(Decoder<4, int32_t, I32LE>());
     case ecSampleType::Float32:
-        if (bigEndian)
-            return apply([](const uint8_t* p) { return static_cast<double>(BitsToFloat(LoadU32BE(p))); });
-        return apply([](const uint8_t* p) { return static_cast<double>(BitsToFloat(LoadU32LE(p))); });
+        return bigEndian ? apply(Decoder<4, float, F32<LoadU32BE>>()) : apply(Decoder<4, float, F32<LoadU32LE>>());
     case ecSampleType::Float64:
-        if (bigEndian)
-            return apply([](const uint8_t* p) { return BitsToDouble(LoadU64BE(p)); });
-        return apply([](const uint8_t* p) { return BitsToDouble(LoadU64LE(p)); });
+        return bigEndian ? apply(Decoder<8, double, F64<LoadU64BE>>()) : apply(Decoder<8, double, F64<LoadU64LE>>());
     }
 }
 
@@ -75,7 +95,7 @@ struct Conversion {
     {
         float v;
         if constexpr (Mode == kExact)
-            v = static_cast<float>((decode(p) + shift) * gain);
+            v = static_cast<float>((static_cast<double>(decode(p)) + shift) * gain);
         else if constexpr (Mode == kSingle)
             v = (static_cast<float>(decode(p)) - shiftF) * gainF;
         else
@@ -98,8 +118,14 @@ void ConvertRun(Decode decode, const Conversion& conv, const ecChannelLayout& ch
         return;
     }
     const uint8_t* p = base + (ch.offset + t0 * ch.stride - lo);
-    for (long long t = t0; t < t1; ++t, p += ch.stride)
-        out[t - t0] = conv.Apply<Mode, Calibrated>(decode, p);
+    const long long n = t1 - t0;
+    if (ch.stride == Decode::kWidth) {  // one contiguous run: a stride the compiler knows
+        for (long long i = 0; i < n; ++i)
+            out[i] = conv.Apply<Mode, Calibrated>(decode, p + i * Decode::kWidth);
+        return;
+    }
+    for (long long i = 0; i < n; ++i)
+        out[i] = conv.Apply<Mode, Calibrated>(decode, p + i * ch.stride);
 }
 
 template <bool Calibrated, typename Decode>
@@ -217,35 +243,85 @@ std::pair<long long, long long> Span(const ecDataLayout& layout, long long segme
 }  // namespace
 
 template <typename Decode>
-void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
-                                 long long b) const
+bool ecSampleEngine::ConvertInterleaved(Decode decode, const uint8_t* base, long long lo, const Target& target,
+                                        long long a, long long b)
 {
-    const long long segmentSlices = SegmentSlices();
-    const bool calibrated = target.calFactors && target.calOffsets;
-    for (long long t0 = a; t0 < b; t0 += kTileSlices) {
-        const long long t1 = std::min(b, t0 + kTileSlices);
-        for (size_t c = 0; c < m_layout.channels.size(); ++c) {
-            const ecChannelLayout& ch = m_layout.channels[c];
-            if (!target.rows[c])
-                continue;
-            const Conversion conv{ch.gain,
-                                  ch.shift,
-                                  static_cast<float>(ch.gain),
-                                  static_cast<float>(ch.shift),
-                                  calibrated ? target.calFactors[c] : 1.0f,
-                                  calibrated ? target.calOffsets[c] : 0.0f,
-                                  static_cast<int64_t>(ch.mask)};
-            const int mode = ch.mask ? kMasked : m_layout.exact ? kExact : kSingle;
+    // Slice-major samples move into channel rows fastest in two steps: the tile's values to floats
+    // in storage order (a loop the compiler vectorises), then the 4-byte floats to their rows.
+    // Only where that float is the stored number itself: integers of up to 24 bits, and floats.
+    using Raw = decltype(decode(base));
+    constexpr bool floatHoldsIt = Decode::kWidth <= 3 || std::is_same_v<Raw, float>;
+    const std::vector<ecChannelLayout>& chans = m_layout.channels;
+    if (!floatHoldsIt || chans.empty() || target.calFactors)
+        return false;
+    const long long stride = chans[0].stride, perSlice = stride / Decode::kWidth;
+    if (stride <= Decode::kWidth || stride % Decode::kWidth != 0)
+        return false;
+    for (size_t c = 0; c < chans.size(); ++c)
+        if (chans[c].samples != 0 || chans[c].mask != 0 || chans[c].stride != stride ||
+            chans[c].offset != chans[0].offset + static_cast<long long>(c) * Decode::kWidth || !target.rows[c])
+            return false;
+    const long long tile = std::max<long long>(8, 4096 / perSlice);
+    m_scratch.resize(static_cast<size_t>(tile * perSlice));
+    for (long long t0 = a; t0 < b; t0 += tile) {
+        const long long n = std::min(b, t0 + tile) - t0;
+        const uint8_t* p = base + (chans[0].offset + t0 * stride - lo);
+        for (long long i = 0; i < n * perSlice; ++i)
+            m_scratch[static_cast<size_t>(i)] = static_cast<float>(decode(p + i * Decode::kWidth));
+        for (size_t c = 0; c < chans.size(); ++c) {
+            const float* in = m_scratch.data() + c;
             float* out = target.rows[c] + target.done + (t0 - a);
-            if (calibrated)
-                ConvertChannel<true>(mode, decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
-            else
-                ConvertChannel<false>(mode, decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
+            if (m_layout.exact) {
+                const double shift = chans[c].shift, gain = chans[c].gain;
+                for (long long t = 0; t < n; ++t)
+                    out[t] = static_cast<float>((static_cast<double>(in[t * perSlice]) + shift) * gain);
+            } else {
+                const float shift = static_cast<float>(chans[c].shift), gain = static_cast<float>(chans[c].gain);
+                for (long long t = 0; t < n; ++t)
+                    out[t] = (in[t * perSlice] - shift) * gain;
+            }
         }
     }
+    return true;
 }
 
-void ecSampleEngine::Convert(const uint8_t* base, long long lo, const Target& target, long long a, long long b) const
+template <typename Decode>
+void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
+                                 long long b)
+{
+    if (ConvertInterleaved(decode, base, lo, target, a, b))
+        return;
+    const long long segmentSlices = SegmentSlices();
+    const bool calibrated = target.calFactors && target.calOffsets;
+    auto convert = [&](size_t c, long long t0, long long t1) {
+        const ecChannelLayout& ch = m_layout.channels[c];
+        const Conversion conv{ch.gain,
+                              ch.shift,
+                              static_cast<float>(ch.gain),
+                              static_cast<float>(ch.shift),
+                              calibrated ? target.calFactors[c] : 1.0f,
+                              calibrated ? target.calOffsets[c] : 0.0f,
+                              static_cast<int64_t>(ch.mask)};
+        const int mode = ch.mask ? kMasked : m_layout.exact ? kExact : kSingle;
+        float* out = target.rows[c] + target.done + (t0 - a);
+        if (calibrated)
+            ConvertChannel<true>(mode, decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
+        else
+            ConvertChannel<false>(mode, decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
+    };
+    // A channel stored as one run converts in one go; interleaved ones go tile by tile, so that
+    // a tile's bytes stay in the first-level cache while every row is written in order.
+    auto contiguous = [&](const ecChannelLayout& ch) { return ch.samples == 0 && ch.stride == Decode::kWidth; };
+    for (size_t c = 0; c < m_layout.channels.size(); ++c)
+        if (target.rows[c] && contiguous(m_layout.channels[c]))
+            convert(c, a, b);
+    for (long long t0 = a; t0 < b; t0 += kTileSlices)
+        for (size_t c = 0; c < m_layout.channels.size(); ++c)
+            if (target.rows[c] && !contiguous(m_layout.channels[c]))
+                convert(c, t0, std::min(b, t0 + kTileSlices));
+}
+
+void ecSampleEngine::Convert(const uint8_t* base, long long lo, const Target& target, long long a, long long b)
 {
     WithDecoder(m_layout.type, m_layout.bigEndian, [&](auto decode) { ConvertWith(decode, base, lo, target, a, b); });
 }

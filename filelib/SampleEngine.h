@@ -99,11 +99,15 @@ private:
         const float* calFactors;
         const float* calOffsets;
     };
-    void Convert(const uint8_t* base, long long lo, const Target& target, long long a, long long b) const;
+    void Convert(const uint8_t* base, long long lo, const Target& target, long long a, long long b);
     template <typename Decode>
     void ConvertWith(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
-                     long long b) const;
+                     long long b);
+    template <typename Decode>
+    bool ConvertInterleaved(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
+                            long long b);
 
     ecDataLayout m_layout;
     std::vector<uint8_t> m_buffer;
+    std::vector<float> m_scratch;  // one tile of interleaved samples as floats
 };
