@@ -83,12 +83,13 @@ void WithDecoder(ecSampleType type, bool bigEndian, Apply apply)
 }
 
 // One channel's conversion, stored number to delivered float, in one of three arithmetics.
-enum Arithmetic { kSingle, kExact, kMasked };
+enum Arithmetic { kSingle, kExact, kMasked, kDivided };
 
 struct Conversion {
     double gain, shift;
     float gainF, shiftF, calFactor, calOffset;
     int64_t mask;
+    float divisor;
 
     template <int Mode, bool Calibrated, typename Decode>
     float Apply(Decode decode, const uint8_t* p) const
@@ -98,6 +99,8 @@ struct Conversion {
             v = static_cast<float>((static_cast<double>(decode(p)) + shift) * gain);
         else if constexpr (Mode == kSingle)
             v = (static_cast<float>(decode(p)) - shiftF) * gainF;
+        else if constexpr (Mode == kDivided)
+            v = (static_cast<float>(decode(p)) - shiftF) * gainF / divisor;
         else
             v = static_cast<float>(static_cast<int64_t>(decode(p)) & mask);
         return Calibrated ? v * calFactor + calOffset : v;
@@ -136,6 +139,8 @@ void ConvertChannel(int mode, Decode decode, const Conversion& conv, const ecCha
         ConvertRun<kExact, Calibrated>(decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
     else if (mode == kSingle)
         ConvertRun<kSingle, Calibrated>(decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
+    else if (mode == kDivided)
+        ConvertRun<kDivided, Calibrated>(decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
     else
         ConvertRun<kMasked, Calibrated>(decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
 }
@@ -258,7 +263,7 @@ bool ecSampleEngine::ConvertInterleaved(Decode decode, const uint8_t* base, long
     if (stride <= Decode::kWidth || stride % Decode::kWidth != 0)
         return false;
     for (size_t c = 0; c < chans.size(); ++c)
-        if (chans[c].samples != 0 || chans[c].mask != 0 || chans[c].stride != stride ||
+        if (chans[c].samples != 0 || chans[c].mask != 0 || chans[c].divisor != 0 || chans[c].stride != stride ||
             chans[c].offset != chans[0].offset + static_cast<long long>(c) * Decode::kWidth || !target.rows[c])
             return false;
     const long long tile = std::max<long long>(8, 4096 / perSlice);
@@ -301,8 +306,9 @@ void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long l
                               static_cast<float>(ch.shift),
                               calibrated ? target.calFactors[c] : 1.0f,
                               calibrated ? target.calOffsets[c] : 0.0f,
-                              static_cast<int64_t>(ch.mask)};
-        const int mode = ch.mask ? kMasked : m_layout.exact ? kExact : kSingle;
+                              static_cast<int64_t>(ch.mask),
+                              ch.divisor};
+        const int mode = ch.mask ? kMasked : m_layout.exact ? kExact : ch.divisor != 0 ? kDivided : kSingle;
         float* out = target.rows[c] + target.done + (t0 - a);
         if (calibrated)
             ConvertChannel<true>(mode, decode, conv, ch, base, lo, segmentSlices, out, t0, t1);

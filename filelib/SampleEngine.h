@@ -36,6 +36,7 @@ struct ecChannelLayout {
     double gain = 1;
     double shift = 0;
     uint32_t mask = 0;  // non-zero: integer codes, the stored value's bits under the mask (trigger words)
+    float divisor = 0;  // non-zero, in single precision: the value is then divided by it (averages over n sweeps)
 };
 
 struct FILELIB_API ecDataLayout {

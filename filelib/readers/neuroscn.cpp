@@ -545,25 +545,24 @@ void CNeuroscan::ReadEEGData(ecLabeledMatrix<float>& data, int epoch)
     LabelRows(data);
 }
 
+// Averages store one record per channel (a 5-byte prefix, then the points as float32 microvolts
+// summed over n sweeps): every channel its own run, divided by its n.
 void CNeuroscan::ReadAvgRecords(ecLabeledMatrix<float>& data, long long firstRecord, int first, int count,
-                                const char* seekMsg, const char* readMsg)
+                                const char* failure)
 {
     const long long recordBytes = kAvgPrefixBytes + 4LL * m_iPoints;
-    FILE* fp = GetInputFilePointer();
-    m_raw.resize(static_cast<size_t>(count) * 4);
+    ecDataLayout layout = ecDataLayout::Multiplexed(ecSampleType::Float32, false, 1, m_iChannels, m_iHeaderSize, m_iPoints);
+    layout.exact = false;
     for (int c = 0; c < m_iChannels; ++c) {
-        const long long offset = m_iHeaderSize + (firstRecord + c) * recordBytes + kAvgPrefixBytes + 4LL * first;
-        if (!SeekTo(fp, offset))
-            Fail(seekMsg);
-        if (std::fread(m_raw.data(), 1, m_raw.size(), fp) != m_raw.size())
-            Fail(readMsg);
-        const uint16_t n = m_electrodes[static_cast<size_t>(c)].n;
-        float* out = data[c];
-        for (int t = 0; t < count; ++t) {
-            const float microvolts = BitsToFloat(LoadU32LE(&m_raw[static_cast<size_t>(t) * 4]));
-            out[t] = n == 0 ? microvolts * 0.000001f : microvolts * 0.000001f / n;
-        }
+        ecChannelLayout& ch = layout.channels[static_cast<size_t>(c)];
+        ch.offset = (firstRecord + c) * recordBytes + kAvgPrefixBytes;
+        ch.stride = 4;
+        ch.gain = 0.000001f;
+        ch.divisor = m_electrodes[static_cast<size_t>(c)].n;
     }
+    Engine().SetLayout(std::move(layout));
+    if (ReadRows(data, first, count) != count)
+        Fail(failure);
 }
 
 int CNeuroscan::ReadAVGData(ecLabeledMatrix<float>& data, int first, int count)
@@ -571,8 +570,7 @@ int CNeuroscan::ReadAVGData(ecLabeledMatrix<float>& data, int first, int count)
     if (first < 0 || count < 0 || static_cast<long long>(first) + count > m_iPoints)
         Fail("[CNeuroscan::ReadAVGData]: Slices out of range error.");
     data.resize(m_iChannels, count, 0, 0);
-    ReadAvgRecords(data, 0, first, count, "[CNeuroscan::ReadAVGData]: Error in seeking avg data.",
-                   "[CNeuroscan::ReadAVGData]: Error in reading avg data.");
+    ReadAvgRecords(data, 0, first, count, "[CNeuroscan::ReadAVGData]: Error in reading avg data.");
     return count;
 }
 
@@ -585,13 +583,11 @@ void CNeuroscan::ReadAVGData(ecLabeledMatrix<float>& average, ecLabeledMatrix<fl
     if (m_iHeaderSize + records * recordBytes > m_fileSize)
         Fail(" ORVA Error: Out of range error.");
     average.resize(m_iChannels, m_iPoints, 0, 0);
-    ReadAvgRecords(average, 0, 0, m_iPoints, "ORVA Error: Error in seeking avg data.",
-                   "ORVA Error: Error in reading avg data.");
+    ReadAvgRecords(average, 0, 0, m_iPoints, "ORVA Error: Error in reading avg data.");
     LabelRows(average);
     variance.resize(m_bVariance ? m_iChannels : 0, m_bVariance ? m_iPoints : 0, 0, 0);
     if (!m_bVariance)
         return;
-    ReadAvgRecords(variance, m_iChannels, 0, m_iPoints, "ORVA Error: Error in seeking variance data.",
-                   "ORVA Error: Error in reading variance data.");
+    ReadAvgRecords(variance, m_iChannels, 0, m_iPoints, "ORVA Error: Error in reading variance data.");
     LabelRows(variance);
 }

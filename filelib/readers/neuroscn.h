@@ -63,8 +63,7 @@ private:
     int ReadEpochRange(ecLabeledMatrix<float>& data, int first, int count);
     void ReadEEGData(ecLabeledMatrix<float>& data, int epoch);
     int ReadAVGData(ecLabeledMatrix<float>& data, int first, int count);
-    void ReadAvgRecords(ecLabeledMatrix<float>& data, long long firstRecord, int first, int count, const char* seekMsg,
-                        const char* readMsg);
+    void ReadAvgRecords(ecLabeledMatrix<float>& data, long long firstRecord, int first, int count, const char* failure);
     void ReadEventTable();
     int SliceOfEvent(const uint8_t* record) const;
     void SetContinuousFactors();
@@ -90,5 +89,4 @@ private:
     std::vector<Electrode> m_electrodes;
     std::vector<float> m_factors;    // continuous data: volts per count
     std::vector<float> m_baselines;  // continuous data: baseline x 1e-6
-    std::vector<uint8_t> m_raw;  // reusable block of stored bytes
 };
