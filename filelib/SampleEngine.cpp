@@ -345,7 +345,9 @@ ecSampleEngine::Place ecSampleEngine::Locate(long long slice) const
         return {-1, slice, 0, firsts.front()};
     const size_t s = static_cast<size_t>(segment);
     const long long extent = (s + 1 < firsts.size() ? firsts[s + 1] : m_layout.slices) - firsts[s];
-    const long long stored = m_layout.segmentSlices > 0 ? std::min(m_layout.segmentSlices, extent) : extent;
+    long long stored = m_layout.segmentSlices > 0 ? std::min(m_layout.segmentSlices, extent) : extent;
+    if (s < m_layout.segmentLengths.size())
+        stored = std::min(stored, m_layout.segmentLengths[s]);
     return {segment, slice - firsts[s], stored, extent};
 }
 

@@ -53,6 +53,7 @@ struct FILELIB_API ecDataLayout {
     // one's start; when that is more than segmentSlices (if set), the slices between are a gap
     // that reads as zeros (as are the slices before the first segment).
     std::vector<long long> segmentFirstSlices;
+    std::vector<long long> segmentLengths;  // with the first slices: each segment's stored slices, if they differ
     // Segments whose bytes the reader decodes (compressed records): the samples of a segment
     // come from the read's decodeSegment, channel offsets counted from its first byte.
     bool decodedSegments = false;

@@ -7,7 +7,6 @@
 #include <numeric>
 
 #include "companion/ByteCursor.h"
-#include "companion/Deinterleave.h"
 #include "companion/Utility.h"
 
 namespace {
@@ -569,6 +568,7 @@ void ecNeuromag_FIFF::Initialize(int)
         Fail("[ecNeuromag_FIFF::Initialize] " + name + " holds neither raw data buffers nor averaged sets.");
     if (GetNumSlices() == 0)
         Fail("[ecNeuromag_FIFF::Initialize] " + name + " holds no samples.");
+    DescribeLayout();
 }
 
 // For every entry the innermost block around it. A BLOCK_END without a start is ignored; a
@@ -787,7 +787,6 @@ void ecNeuromag_FIFF::SetChannels(bool applyRange)
 {
     SetNumChans(static_cast<int>(m_chInfo.size()));
     m_scales.assign(m_chInfo.size(), 1.0f);
-    m_zeros.assign(m_chInfo.size(), 0.0f);
     for (size_t i = 0; i < m_chInfo.size(); ++i) {
         const FIFF_ChInfo& ch = m_chInfo[i];
         const int c = static_cast<int>(i);
@@ -852,60 +851,71 @@ void ecNeuromag_FIFF::BuildBuffers()
         tooLong();
 }
 
+// The data buffers are the engine's segments (skips between them are gaps). When they all hold
+// one type, slice after slice, the engine reads them from the file; otherwise (types that change
+// from buffer to buffer, averaged sets whose channels lie apart) each is gathered here into
+// slice-major floats first.
+void ecNeuromag_FIFF::DescribeLayout()
+{
+    const int channels = GetNumChans();
+    m_dataBuffers.clear();
+    for (size_t k = 0; k < m_buffers.size(); ++k)
+        if (m_buffers[k].dataPos >= 0)
+            m_dataBuffers.push_back(k);
+    auto kind = [](uint32_t type) { return type == 16 ? 2u : type; };  // dau_pack16 holds shorts
+    bool uniform = true;
+    for (size_t k : m_dataBuffers)
+        uniform = uniform && m_buffers[k].channelPos.empty() &&
+                  kind(m_buffers[k].type) == kind(m_buffers[m_dataBuffers.front()].type);
+    const uint32_t type = uniform && !m_dataBuffers.empty() ? kind(m_buffers[m_dataBuffers.front()].type) : 0;
+    const ecSampleType engineType = type == 2 ? ecSampleType::Int16 : type == 3 ? ecSampleType::Int32
+                                  : type == 5 ? ecSampleType::Float64 : ecSampleType::Float32;
+    ecDataLayout layout = ecDataLayout::Multiplexed(engineType, uniform ? true : !HostIsLittleEndian(), channels,
+                                                    channels, 0, GetNumSlices());
+    layout.exact = false;
+    layout.decodedSegments = !uniform;
+    for (size_t k : m_dataBuffers) {
+        layout.segmentTable.push_back(m_buffers[k].dataPos);
+        layout.segmentFirstSlices.push_back(m_buffers[k].firstSlice);
+        layout.segmentLengths.push_back(m_buffers[k].slices);
+    }
+    for (int c = 0; c < channels; ++c)
+        layout.SetConversion(c, m_scales[static_cast<size_t>(c)], 0);
+    Engine().SetLayout(std::move(layout));
+    m_decodedBuffer = -1;
+}
+
+const uint8_t* ecNeuromag_FIFF::DecodeSegment(long long segment)
+{
+    if (segment == m_decodedBuffer)
+        return reinterpret_cast<const uint8_t*>(m_decoded.data());
+    const Buffer& b = m_buffers[m_dataBuffers[static_cast<size_t>(segment)]];
+    const size_t channels = static_cast<size_t>(GetNumChans()), width = static_cast<size_t>(b.bytes);
+    m_decoded.resize(static_cast<size_t>(b.slices) * channels);
+    // Raw buffers: one run of slices; averaged sets: one run per channel.
+    const size_t runs = b.channelPos.empty() ? 1 : channels;
+    const size_t perRun = m_decoded.size() / runs;
+    m_raw.resize(perRun * width);
+    for (size_t r = 0; r < runs; ++r) {
+        const long long at = b.channelPos.empty() ? b.dataPos : b.channelPos[r];
+        if (ReadAt(GetInputFilePointer(), at, m_raw.data(), m_raw.size()) != m_raw.size())
+            return nullptr;
+        WithDecoder(b.type, [&](auto decode) {
+            for (size_t k = 0; k < perRun; ++k)
+                m_decoded[runs == 1 ? k : k * channels + r] = decode(m_raw.data() + k * width);
+        });
+    }
+    m_decodedBuffer = segment;
+    return reinterpret_cast<const uint8_t*>(m_decoded.data());
+}
+
 int ecNeuromag_FIFF::ReadData(ecLabeledMatrix<float>& data, int first, int count)
 {
     const long long n = PrepareBlock(data, first, count, "ecNeuromag_FIFF");
-    const long channels = GetNumChans();
-    if (n == 0)
-        return 0;
-    const long long end = first + n;
-    auto buffer = std::upper_bound(m_buffers.begin(), m_buffers.end(), static_cast<long long>(first),
-                                   [](long long s, const Buffer& b) { return s < b.firstSlice; }) - 1;
-    std::vector<float*> rows(static_cast<size_t>(channels));
-    for (; buffer != m_buffers.end() && buffer->firstSlice < end; ++buffer) {
-        const long long from = std::max<long long>(first, buffer->firstSlice);
-        const long long to = std::min(end, buffer->firstSlice + buffer->slices);
-        for (long c = 0; c < channels; ++c)
-            rows[static_cast<size_t>(c)] = data[c] + (from - first);
-        if (buffer->dataPos < 0) {
-            for (float* row : rows)
-                std::fill(row, row + (to - from), 0.0f);
-        } else if (buffer->channelPos.empty()) {
-            ReadInterleaved(*buffer, from, to, rows.data());
-        } else {
-            ReadPerChannel(*buffer, from, to, rows.data());
-        }
-    }
+    if (ReadRows(data, first, n) != n)
+        Fail(GetRunType() == kRunContinuous ? "[ecNeuromag_FIFF::ReadData] Error in reading a DATA_BUFFER."
+                                            : "[ecNeuromag_FIFF::ReadData] Error in reading an EPOCH.");
     return static_cast<int>(n);
-}
-
-void ecNeuromag_FIFF::ReadInterleaved(const Buffer& buffer, long long from, long long to, float* const* rows)
-{
-    const size_t channels = static_cast<size_t>(GetNumChans());
-    const size_t sliceBytes = channels * static_cast<size_t>(buffer.bytes);
-    m_raw.resize(static_cast<size_t>(to - from) * sliceBytes);
-    const long long offset = buffer.dataPos + (from - buffer.firstSlice) * static_cast<long long>(sliceBytes);
-    if (ReadAt(GetInputFilePointer(), offset, m_raw.data(), m_raw.size()) != m_raw.size())
-        Fail("[ecNeuromag_FIFF::ReadData] Error in reading a DATA_BUFFER.");
-    WithDecoder(buffer.type, [&](auto decode) {
-        Deinterleave(m_raw.data(), static_cast<size_t>(to - from), channels, static_cast<size_t>(buffer.bytes), sliceBytes,
-                     rows, m_zeros.data(), m_scales.data(), decode);
-    });
-}
-
-void ecNeuromag_FIFF::ReadPerChannel(const Buffer& buffer, long long from, long long to, float* const* rows)
-{
-    const size_t width = static_cast<size_t>(buffer.bytes);
-    m_raw.resize(static_cast<size_t>(to - from) * width);
-    for (size_t c = 0; c < buffer.channelPos.size(); ++c) {
-        const long long offset = buffer.channelPos[c] + (from - buffer.firstSlice) * buffer.bytes;
-        if (ReadAt(GetInputFilePointer(), offset, m_raw.data(), m_raw.size()) != m_raw.size())
-            Fail("[ecNeuromag_FIFF::ReadData] Error in reading an EPOCH.");
-        WithDecoder(buffer.type, [&](auto decode) {
-            Deinterleave(m_raw.data(), static_cast<size_t>(to - from), 1, width, width, rows + c, &m_zeros[c],
-                         &m_scales[c], decode);
-        });
-    }
 }
 
 int ecNeuromag_FIFF::InitialEventList(ecEventList* events, ecProgressDlg*)

@@ -184,8 +184,8 @@ private:
     void AddVectorRows(const std::vector<size_t>& epochs, Buffer& set);
     void BuildBuffers();
     void SetChannels(bool applyRange);
-    void ReadInterleaved(const Buffer& buffer, long long from, long long to, float* const* rows);
-    void ReadPerChannel(const Buffer& buffer, long long from, long long to, float* const* rows);
+    void DescribeLayout();
+    const uint8_t* DecodeSegment(long long segment) override;
     int AppendSetBoundaries(ecEventList* events) const;
     int AppendTriggerRises(ecEventList* events);
 
@@ -209,6 +209,8 @@ private:
     std::vector<Buffer> m_buffers;
     std::vector<std::string> m_setComments;  // averaged files: one per set
     std::vector<float> m_scales;  // cal x range per channel
-    std::vector<float> m_zeros;
     std::vector<uint8_t> m_raw;
+    std::vector<size_t> m_dataBuffers;  // the engine's segments: the buffers that hold data
+    std::vector<float> m_decoded;       // one gathered buffer, slice-major
+    long long m_decodedBuffer = -1;
 };
