@@ -271,7 +271,10 @@ bool ecSampleEngine::ConvertInterleaved(Decode decode, const uint8_t* base, long
     for (long long t0 = a; t0 < b; t0 += tile) {
         const long long n = std::min(b, t0 + tile) - t0;
         const uint8_t* p = base + (chans[0].offset + t0 * stride - lo);
-        for (long long i = 0; i < n * perSlice; ++i)
+        // The last slice only up to the last channel wanted: stored values after it (a trailing
+        // channel nobody reads) may lie beyond the bytes read.
+        const long long values = (n - 1) * perSlice + static_cast<long long>(chans.size());
+        for (long long i = 0; i < values; ++i)
             m_scratch[static_cast<size_t>(i)] = static_cast<float>(decode(p + i * Decode::kWidth));
         for (size_t c = 0; c < chans.size(); ++c) {
             const float* in = m_scratch.data() + c;

@@ -87,20 +87,6 @@ void Events(CFilelib& f)
 
 }  // namespace
 
-std::vector<std::vector<uint8_t>> SplitInput(const uint8_t* data, size_t size, const std::string& separator, size_t parts)
-{
-    std::vector<std::vector<uint8_t>> out;
-    const uint8_t* begin = data;
-    const uint8_t* end = data + size;
-    while (out.size() + 1 < parts) {
-        const uint8_t* at = std::search(begin, end, separator.begin(), separator.end());
-        out.emplace_back(begin, at);
-        begin = at == end ? end : at + separator.size();
-    }
-    out.emplace_back(begin, end);
-    return out;
-}
-
 void DriveFacade(const std::vector<FuzzFile>& files, const std::string& mainSuffix)
 {
     char tmpl[] = "/tmp/filelib_fuzz_XXXXXX";

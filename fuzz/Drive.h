@@ -15,6 +15,3 @@ struct FuzzFile {
 // Writes the files into a fresh temporary folder, opens stem + mainSuffix through the facade
 // and exercises it. Only library errors may come out of it; anything else aborts the fuzzer.
 void DriveFacade(const std::vector<FuzzFile>& files, const std::string& mainSuffix);
-
-// Splits the input at the first occurrence of `separator` (the separator itself dropped).
-std::vector<std::vector<uint8_t>> SplitInput(const uint8_t* data, size_t size, const std::string& separator, size_t parts);

@@ -1,12 +1,14 @@
 // Inputs that once broke a reader (found by the fuzz targets), kept with what each must do now.
-// tests/data/broken/<family>/<what is wrong>.<ext>
+// tests/data/broken/<reader-case row>/<what is wrong>.<ext>
 #include <gtest/gtest.h>
 
 #include <dirent.h>
 
 #include "filelib/filelib.h"
 #include "fixtures/AllocationProbe.h"
+#include "fixtures/Bytes.h"
 #include "fixtures/Exercise.h"
+#include "fixtures/ReaderCases.h"
 
 namespace {
 const std::string kBroken = std::string(FILELIB_TEST_DATA) + "/broken/";
@@ -14,8 +16,8 @@ const std::string kBroken = std::string(FILELIB_TEST_DATA) + "/broken/";
 std::vector<std::string> BrokenFiles()
 {
     std::vector<std::string> out;
-    for (const char* family : {"edf", "egi", "fiff"}) {
-        const std::string dir = kBroken + family;
+    for (const ReaderCase& row : ReaderCases()) {  // a folder per row that has broken files
+        const std::string dir = kBroken + row.name;
         if (DIR* d = opendir(dir.c_str())) {
             while (dirent* e = readdir(d))
                 if (e->d_name[0] != '.')
@@ -61,4 +63,28 @@ TEST(BrokenFiles, EventsOfAFiffFileWithALongSkip)
     ASSERT_EQ(f.InitialEventList(&events, nullptr), 1);
     EXPECT_EQ(events.GetEvent(0).GetBegin(), 1);
     EXPECT_EQ(events.GetEvent(0).GetEventCode(), 3);
+}
+
+// The fuzz seeds of every reader are recordings of its format, split into the files the row names:
+// a seed that no longer opens would leave its fuzz target starting from noise.
+TEST(ReaderCases, SeedsOpenAsTheirFormat)
+{
+    TempDir dir;
+    int seeds = 0;
+    for (const ReaderCase& row : ReaderCases()) {
+        for (const auto& [name, bytes] : row.seeds()) {
+            SCOPED_TRACE(row.name + "/" + name);
+            const std::string stem = dir.path("f");  // the name the seeds' own references use
+            const auto parts = SplitFiles(row, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+            ASSERT_EQ(parts.size(), row.suffixes.size());
+            for (size_t k = 0; k < parts.size(); ++k)
+                Bytes().raw(std::string(parts[k].begin(), parts[k].end())).write(stem + row.suffixes[k]);
+            CFilelib f;
+            std::string opened = stem + row.opened;
+            EXPECT_EQ(f.GuessFileMFR(opened), row.code);
+            EXPECT_EQ(ExerciseRecording(opened), "");
+            ++seeds;
+        }
+    }
+    EXPECT_GE(seeds, 14);
 }
