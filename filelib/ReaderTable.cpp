@@ -8,6 +8,7 @@
 #include "filelib/readers/ERPSS.h"
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/Neuromag_FIFF.h"
+#include "filelib/readers/NihonKohden.h"
 #include "filelib/readers/neuroscn.h"
 
 namespace {
@@ -42,6 +43,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
+        {kMfrNihonKohden, "NihonKoden", "Nihon Kohden (.EEG + .21E, .PNT, .LOG)", 9, 0, &Create<NihonKoden>, nullptr},
     });
     return table;
 }

@@ -43,7 +43,7 @@ const Deviation* FindDeviation(const std::string& file, const std::string& chann
 std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
-    for (const char* family : {"bdf", "brainvision", "edf", "egi", "fiff", "neuroscan"}) {
+    for (const char* family : {"bdf", "brainvision", "edf", "egi", "fiff", "neuroscan", "nihonkohden"}) {
         DIR* d = opendir((kData + family).c_str());
         if (!d)
             continue;
@@ -96,6 +96,7 @@ const EventSource kEventSources[] = {
     {"scan41_short.cnt", "mne", 1, "0", 0, "offset samples; the 0xE0 record is neither stimulus nor response"},
     {"test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt", "biosig", 0, nullptr, 208,
      "offset samples; a 0xD0 record ends the exclusion its 0xC0 record starts"},
+    {"MB0400FU.EEG", "mne", 0, nullptr, 0, "the .LOG entries"},
 };
 
 const EventSource* FindEventSource(const std::string& file)
