@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "filelib/readers/Micromed.h"
 #include "filelib/readers/NihonKohden.h"
 #include "fixtures/Errors.h"
 #include "fixtures/NkMicromedFiles.h"
@@ -86,4 +87,75 @@ TEST(NihonKohden, RealRecordingStartsAt20190403)
     NihonKoden r((data + "MB0400FU.EEG").c_str());
     r.Initialize(0);
     EXPECT_EQ(r.GetStartTime(), "2019-04-03 16:00:16");
+}
+
+TEST(MicroMed, SampleWidthsUnitsOrderAndEventAreas)
+{
+    // µV: 6400 / 65536 per count around 32768; %: 100 / 65536 per count from 0; nV with 1-byte samples.
+    const std::vector<MmElectrode> e = {{"Fz", 0, 0, 65535, 32768, -3200, 3200, 2}, {"SpO2", 100, 0, 65535, 0, 0, 100, 2}};
+    const struct {
+        int bytes;
+        std::vector<MmElectrode> electrodes;
+        std::vector<std::vector<uint32_t>> counts;
+        double first[2];
+    } cases[] = {
+        {2, e, {{0, 65535}, {32769, 1}}, {-3200e-6, 100.0 * 65535 / 65536}},
+        {1, {{"A", -1, 0, 255, 128, -256, 256, 4}, {"B", 1, 0, 255, 0, 0, 256, 4}}, {{0, 255}, {129, 1}}, {-256e-9, 255e-3}},
+        {4, {{"W", 2, -1000, 999, 0, -1, 1, 1}, {"V", 2, -1000, 999, 0, -1, 1, 1}}, {{0xFFFFFC18u, 999}, {1, 2}}, {-1, 0.999}},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        MmTrc(4, c.bytes, c.electrodes, c.counts, {{1, 7}, {0, 0}, {9, 1}}, {{0, "lights off"}}).write(dir.path("t.TRC"));
+        MicroMed r(dir.path("t.TRC").c_str());
+        r.Initialize(0);
+        ASSERT_EQ(r.GetNumSlices(), 2);
+        EXPECT_EQ(r.GetSampleRate(), 128.0f * c.electrodes[0].coefficient);
+        ecLabeledMatrix<float> m;
+        ASSERT_EQ(r.ReadData(m, 0, 2), 2);
+        for (int ch = 0; ch < 2; ++ch)
+            EXPECT_NEAR(m[ch][0], c.first[ch], 1e-6 * std::abs(c.first[ch]));
+        ecEventList events;
+        ASSERT_EQ(r.InitialEventList(&events, nullptr), 2);  // the empty and the late trigger are no events
+        EXPECT_EQ(events.GetEvent(0).GetEventName() + "@" + std::to_string(events.GetEvent(0).GetBegin()) + " " +
+                      events.GetEvent(1).GetEventName(), "7@1 lights off");
+    }
+    std::string unit;
+    TempDir dir;
+    MmTrc(2, 2, e, {{0, 0}}, {}, {}).write(dir.path("u.trc"));
+    MicroMed r(dir.path("u.trc").c_str());
+    r.Initialize(0);
+    r.GetChanUnit(1, unit);
+    EXPECT_EQ(unit + std::to_string(r.GetChanType(1)) + std::to_string(r.GetHeaderType()), "%02");
+}
+
+TEST(MicroMed, InconsistentHeadersAreRefused)
+{
+    const MmElectrode fz = {"Fz", 0, 0, 65535, 32768, -3200, 3200, 2};
+    MmElectrode slow = fz, odd = fz, flat = fz;
+    slow.coefficient = 1;
+    odd.unit = 7;
+    flat.lmax = -1;
+    const struct {
+        MmElectrode second;
+        const char* message;
+    } cases[] = {
+        {slow, "[MicroMed::Initialize] Electrode Fz is sampled at 128.000000 Hz; the recording needs one rate for all."},
+        {odd, "[MicroMed::Initialize] Electrode Fz has the unknown unit code 7."},
+        {flat, "[MicroMed::Initialize] Electrode Fz has the logical range 0 .. -1."},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        MmTrc(4, 2, {fz, c.second}, {}, {}, {}).write(dir.path("t.TRC"));
+        MicroMed r(dir.path("t.TRC").c_str());
+        EXPECT_EQ(Message([&] { r.Initialize(0); }), c.message);
+        EXPECT_EQ(r.GetFileMFR(), kMfrMicromed);
+    }
+}
+
+TEST(MicroMed, RealRecordingDate)
+{
+    SHARED_DATA_OR_SKIP(data, "micromed");
+    MicroMed r((data + "File_micromed_1.TRC").c_str());
+    r.Initialize(0);
+    EXPECT_EQ(r.GetStartTime() + " " + std::to_string(r.GetHeaderType()), "2007-11-15 15:04:07 4");
 }
