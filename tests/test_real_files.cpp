@@ -43,7 +43,7 @@ const Deviation* FindDeviation(const std::string& file, const std::string& chann
 std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
-    for (const char* family : {"ant", "bdf", "brainvision", "edf", "egi", "fiff", "neuroscan"}) {
+    for (const char* family : {"ant", "bdf", "brainvision", "edf", "egi", "fiff", "micromed", "neuroscan", "nihonkohden"}) {
         DIR* d = opendir((kData + family).c_str());
         if (!d)
             continue;
@@ -100,6 +100,8 @@ const EventSource kEventSources[] = {
     {"test-na-271-legacy.cnt", "vendor_export_mne", 0, "Marker/Impedance", 0, "as above", {0, 2292}},
     {"test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt", "biosig", 0, nullptr, 208,
      "offset samples; a 0xD0 record ends the exclusion its 0xC0 record starts"},
+    {"MB0400FU.EEG", "mne", 0, nullptr, 0, "the .LOG entries"},
+    {"File_micromed_1.TRC", "neo", 0, nullptr, 0, "the TRIGGER area"},
 };
 
 const EventSource* FindEventSource(const std::string& file)
@@ -137,8 +139,11 @@ TEST(RealFiles, ChannelsLengthAndFirstSamplesAgreeWithThePeers)
     for (const std::string& file : files) {
         SCOPED_TRACE(file);
         const Json expected = Load(kData + file + ".expected.json");
-        // Where no peer reads the format, MNE's reading of the vendor's own export stands in.
-        const Json& mne = expected.fields.count("vendor_export_mne") ? expected["vendor_export_mne"] : expected["mne"];
+        // Where no peer reads the format, MNE's reading of the vendor's own export stands in;
+        // Neo is the peer of the formats MNE does not read.
+        const Json& mne = expected.fields.count("vendor_export_mne") ? expected["vendor_export_mne"]
+                          : expected.fields.count("mne")            ? expected["mne"]
+                                                                     : expected["neo"];
         if (mne.fields.count("error"))
             continue;  // what such files must do is tested with their reader
         const std::string base = file.substr(file.find('/') + 1);
