@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "filelib/readers/BrainVision.h"
+#include "filelib/readers/CFWB.h"
 #include "filelib/readers/EDF_BDF.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/ERPSS.h"
@@ -42,6 +43,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
+        {kMfrCFWB, "ecADInst_CFWB", "ADInstruments Chart binary (CFWB)", 29, 0, &Create<ecADInst_CFWB>, nullptr},
     });
     return table;
 }
