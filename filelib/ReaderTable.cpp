@@ -9,6 +9,7 @@
 #include "filelib/readers/ERPSS.h"
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/Neuromag_FIFF.h"
+#include "filelib/readers/WinDaq.h"
 #include "filelib/readers/neuroscn.h"
 
 namespace {
@@ -43,6 +44,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
+        {kMfrDataq, "ecDataq", "DATAQ WinDaq (.wdq, .wdh)", 0, 0, &Create<ecDataq>, nullptr},
         {kMfrCFWB, "ecADInst_CFWB", "ADInstruments Chart binary (CFWB)", 29, 0, &Create<ecADInst_CFWB>, nullptr},
     });
     return table;

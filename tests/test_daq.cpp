@@ -101,3 +101,53 @@ TEST(Cfwb, FilesWrittenBySave2gdfMatchTheirEdfSource)
         }
     }
 }
+
+// Normal files drop the 2 flag bits, HiRes files divide by 4; markers with and without a time
+// stamp, with and without a comment; "VOLT" is volts, "rpm" kept.
+TEST(WinDaq, NormalAndHiResSamplesAndTrailerMarkers)
+{
+    TempDir dir;
+    const std::vector<std::vector<int16_t>> samples = {{4 * 100 + 1, -4 * 3 + 2}, {4 * -7 + 3, 4 * 5}, {1, 2}};
+    const std::vector<int32_t> trailer = {-2, static_cast<int32_t>(0x80000000u | 11), 1, 12345};
+    for (bool hiRes : {false, true}) {
+        SCOPED_TRACE(hiRes);
+        WinDaqFile(hiRes, {{"Speed", "rpm", 0.5, 10}, {"Gear", "VOLT", 2, -1}}, samples, 0.01, trailer, "stop\0")
+            .write(dir.path("w.wdq"));
+        Opened o(dir.path("w.wdq"), 18, false);
+        ASSERT_EQ(o.read, 3);
+        EXPECT_FLOAT_EQ(o.f.GetSampleRate(), 100.0f);
+        EXPECT_EQ(o.Name(0) + "/" + o.Unit(0) + " " + o.Name(1) + "/" + o.Unit(1), "Speed/rpm Gear/V");
+        for (int t = 0; t < 3; ++t)
+            for (int c = 0; c < 2; ++c) {
+                const double stored = samples[static_cast<size_t>(t)][static_cast<size_t>(c)];
+                const double reading = hiRes ? stored / 4 : std::floor(stored / 4);
+                EXPECT_FLOAT_EQ(o.m[c][t], c ? 2 * reading - 1 : 0.5 * reading + 10);
+            }
+        ecEventList events;
+        ASSERT_EQ(o.f.InitialEventList(&events, nullptr), 2);
+        EXPECT_EQ(events.GetEvent(0).GetEventName() + "@" + std::to_string(events.GetEvent(0).GetBegin()), "stop@2");
+        EXPECT_EQ(events.GetEvent(1).GetEventName() + "@" + std::to_string(events.GetEvent(1).GetBegin()), "Marker@1");
+    }
+    WinDaqFile(false, {{"A", "V"}}, {{1}}, 0.01, {5}).write(dir.path("bad.wdq"));
+    EXPECT_EQ(Message([&] { Opened(dir.path("bad.wdq"), 18, false); }),
+              "[ecDataq::Initialize] Event marker 1 at slice 5 lies beyond the 1 slices.");
+}
+
+// What the README of the real files states beyond the shared check: every channel's unit and
+// values in it (windaq3's), and the trailer's six commented markers.
+TEST(WinDaq, RealFilesUnitsValuesAndMarkers)
+{
+    SHARED_DATA_OR_SKIP(data, "windaq");
+    Opened o(data + "AUTO.WDQ", 18, false);
+    EXPECT_EQ(o.Unit(0) + " " + o.Unit(1) + " " + o.Unit(2) + " " + o.Unit(5), "% V ftlb rpm");
+    const double first[6] = {-0.4244375703037164, 3.734130859375, -29.989402597402595, 24.749999999999996, 941.7216,
+                             1153.948743718593};
+    for (int c = 0; c < 6; ++c)
+        EXPECT_NEAR(o.m[c][0], first[c], 1e-5 * std::fabs(first[c])) << o.Name(c);
+    ecEventList events;
+    o.f.InitialEventList(&events, nullptr);
+    std::string listed;
+    for (int i = 0; i < events.GetEventCnt(); ++i)
+        listed += events.GetEvent(i).GetEventName() + "@" + std::to_string(events.GetEvent(i).GetBegin()) + " ";
+    EXPECT_EQ(listed, "begin test@198 stop@779 go@1084 stop@1503 go@1806 ride in park@2571 ");
+}
