@@ -16,6 +16,7 @@
 #include "companion/ByteCursor.h"
 #include "filelib/filelib.h"
 #include "filelib/readers/Neuromag_FIFF.h"
+#include "fixtures/DaqFiles.h"
 #include "fixtures/EdfFiles.h"
 #include "fixtures/NeuroscanFiles.h"
 
@@ -204,6 +205,18 @@ Recording BrainVisionInt16(const std::string& dir, const char* name)
     return {path, 0, slices * 2 * kChannels, 2, false, false, path + ".eeg"};
 }
 
+// CFWB int16, interleaved behind its channel headers.
+Recording Cfwb(const std::string& dir, const char* name)
+{
+    const long long slices = DataBytes() / (2LL * kChannels);
+    const std::vector<CfwbChannel> channels(kChannels, CfwbChannel{"E", "uV", 0.1, 0});
+    Bytes header = CfwbFile(3, channels, std::vector<std::vector<double>>(kChannels), 0.001);
+    header.put_u32le(56, static_cast<uint32_t>(slices));
+    const std::string path = dir + "/" + name;
+    WriteFile(path, header, slices * 2 * kChannels);
+    return {path, static_cast<long long>(header.size()), slices * 2 * kChannels, 2, false, false, {}, true};
+}
+
 struct Files {
     std::string dir;
     std::map<std::string, Recording> byName;
@@ -220,6 +233,7 @@ struct Files {
         byName["FiffInt16"] = Fiff(dir, "s.fif", 2, 2);
         byName["GenericFloat"] = Generic(dir, "g.f32");
         byName["BrainVisionInt16x4"] = BrainVisionInt16(dir, "bv.vhdr");
+        byName["CFWBInt16"] = Cfwb(dir, "c.bin");
     }
     ~Files()
     {
@@ -374,7 +388,7 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",
                                 "BDF",            "FiffFloat",      "FiffInt16",        "GenericFloat",
-                                "BrainVisionInt16x4"};
+                                "BrainVisionInt16x4", "CFWBInt16"};
 
 int Register()
 {

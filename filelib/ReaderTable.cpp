@@ -4,6 +4,7 @@
 
 #include "filelib/readers/ANT.h"
 #include "filelib/readers/BrainVision.h"
+#include "filelib/readers/CFWB.h"
 #include "filelib/readers/EDF_BDF.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/ERPSS.h"
@@ -11,6 +12,7 @@
 #include "filelib/readers/Micromed.h"
 #include "filelib/readers/Neuromag_FIFF.h"
 #include "filelib/readers/NihonKohden.h"
+#include "filelib/readers/WinDaq.h"
 #include "filelib/readers/neuroscn.h"
 
 namespace {
@@ -48,6 +50,8 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrANT, "ANT", "ANT Neuro eego / EEProbe (.cnt RIFF and RF64)", 23, 0, &Create<ANT>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
         {kMfrNihonKohden, "NihonKoden", "Nihon Kohden (.EEG + .21E, .PNT, .LOG)", 9, 0, &Create<NihonKoden>, nullptr},
+        {kMfrDataq, "ecDataq", "DATAQ WinDaq (.wdq, .wdh)", 0, 0, &Create<ecDataq>, nullptr},
+        {kMfrCFWB, "ecADInst_CFWB", "ADInstruments Chart binary (CFWB)", 29, 0, &Create<ecADInst_CFWB>, nullptr},
     });
     return table;
 }
