@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "filelib/readers/BrainVision.h"
+#include "filelib/readers/CTF.h"
 #include "filelib/readers/EDF_BDF.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/ERPSS.h"
@@ -40,6 +41,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrNeuroscan, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
         {kMfrBrainVision, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
+        {kMfrCTF, "CTF", "CTF MEG dataset (.ds folder: .res4 + .meg4)", 18, 0, &Create<CTF>, nullptr},
         {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
     });

@@ -43,7 +43,7 @@ const Deviation* FindDeviation(const std::string& file, const std::string& chann
 std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
-    for (const char* family : {"bdf", "brainvision", "edf", "egi", "fiff", "neuroscan"}) {
+    for (const char* family : {"bdf", "brainvision", "ctf", "edf", "egi", "fiff", "neuroscan"}) {
         DIR* d = opendir((kData + family).c_str());
         if (!d)
             continue;
@@ -94,6 +94,8 @@ const EventSource kEventSources[] = {
     {"test_elekta_3ch_raw.fif", "mne", 0, nullptr, 0, "STI101 transitions"},
     {"neuromag122_test_file-raw.fif", "mne", 0, nullptr, 0, "none"},
     {"scan41_short.cnt", "mne", 1, "0", 0, "offset samples; the 0xE0 record is neither stimulus nor response"},
+    {"testdata_ctf_short_discontinuous.ds", "mne", 0, nullptr, 0, "no markers; MNE concatenates the two trials unmarked",
+     {1201}},
     {"test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt", "biosig", 0, nullptr, 208,
      "offset samples; a 0xD0 record ends the exclusion its 0xC0 record starts"},
 };
