@@ -271,11 +271,14 @@ void CTF::ChooseTimeBase(const Res4& r)
     m_openFile = 0;
 }
 
-// A time in seconds from trial `trial`'s trigger as a slice; false when it lies outside the data.
-bool CTF::TrialTime(long long trial, double seconds, long& slice)
+// A time in seconds from trial `trial`'s trigger as a slice; false when it lies outside the data
+// (an end may lie just past the last slice).
+bool CTF::TrialTime(long long trial, double seconds, long& slice, bool end)
 {
+    if (trial < 0 || trial >= static_cast<long long>(m_continues.size()))
+        return false;
     const double at = static_cast<double>(trial * m_trialSamples + m_preTrigger) + std::round(seconds * m_rate);
-    if (!(at >= 0 && at < GetNumSlices()))
+    if (!(at >= 0 && at < GetNumSlices() + (end ? 1 : 0)))
         return false;
     slice = static_cast<long>(at);
     return true;
@@ -294,8 +297,8 @@ void CTF::ReadBadSegments()
         double start = 0, end = 0;
         long from = 0, to = 0;
         if (f.size() != 3 || !ParseInteger(f[0], trial) || !ParseReal(f[1], start) || !ParseReal(f[2], end) ||
-            trial < 1 || trial > static_cast<long long>(m_continues.size()) || !TrialTime(trial - 1, start, from) ||
-            !TrialTime(trial - 1, end, to) || to < from)
+            trial < 1 || !TrialTime(trial - 1, start, from) ||
+            !TrialTime(trial - 1, end, to, true) || to < from)
             Fail("bad.segments holds \"" + line + "\", which is no stretch of the recording.");
         m_fileEvents.AppendOneEvent(MarkerEvent(from, "bad", 0, to - from, 1));
     }
@@ -330,7 +333,7 @@ void CTF::ReadMarkers()
                 double seconds = 0;
                 long slice = 0;
                 if (SplitFields(line, f, " \t\r") != 2 || !ParseInteger(f[0], trial) || !ParseReal(f[1], seconds) ||
-                    trial < 0 || !TrialTime(trial, seconds, slice))
+                    !TrialTime(trial, seconds, slice))
                     Fail("MarkerFile.mrk holds the marker \"" + line + "\" of " + name + ", outside the recording.");
                 m_fileEvents.AppendOneEvent(MarkerEvent(slice, name, classes));
             }

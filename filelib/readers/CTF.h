@@ -76,7 +76,7 @@ private:
     void FindDataFiles(int clockChannel);
     bool ReadClock(FILE* fp, long long trials, int clockChannel, ClockState& clock);
     void ChooseTimeBase(const Res4& res4);
-    bool TrialTime(long long trial, double seconds, long& slice);
+    bool TrialTime(long long trial, double seconds, long& slice, bool end = false);
     void ReadBadSegments();
     void ReadMarkers();
     void UseFile(size_t file);
