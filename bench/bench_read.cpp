@@ -4,6 +4,9 @@
 // data size (default 256 MB each).
 #include <benchmark/benchmark.h>
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +20,7 @@
 #include "filelib/filelib.h"
 #include "filelib/readers/Neuromag_FIFF.h"
 #include "fixtures/DaqFiles.h"
+#include "fixtures/CtfFiles.h"
 #include "fixtures/EdfFiles.h"
 #include "fixtures/NeuroscanFiles.h"
 
@@ -217,6 +221,21 @@ Recording Cfwb(const std::string& dir, const char* name)
     return {path, static_cast<long long>(header.size()), slices * 2 * kChannels, 2, false, false, {}, true};
 }
 
+// CTF: a .ds folder of 10-second trials of big-endian int32 samples, channel by channel.
+Recording Ctf(const std::string& dir)
+{
+    const int samples = 12000;
+    const long long trialBytes = 4LL * kChannels * samples, trials = std::max(1LL, DataBytes() / trialBytes);
+    const std::string folder = dir + "/c.ds/";
+    mkdir(folder.c_str(), 0700);
+    std::vector<CtfChannel> channels;
+    for (int c = 0; c < kChannels; ++c)
+        channels.push_back({"M" + std::to_string(c), 5, 1e15});
+    CtfRes4(channels, samples, 1200, 0).write(folder + "c.res4");
+    WriteFile(folder + "c.meg4", Bytes().text("MEG41CP", 8, '\0'), trials * trialBytes);
+    return {folder + "c.res4", 8, trials * trialBytes, 4, true, false, folder + "c.meg4"};
+}
+
 struct Files {
     std::string dir;
     std::map<std::string, Recording> byName;
@@ -234,6 +253,7 @@ struct Files {
         byName["GenericFloat"] = Generic(dir, "g.f32");
         byName["BrainVisionInt16x4"] = BrainVisionInt16(dir, "bv.vhdr");
         byName["CFWBInt16"] = Cfwb(dir, "c.bin");
+        byName["CtfInt32"] = Ctf(dir);
     }
     ~Files()
     {
@@ -244,6 +264,7 @@ struct Files {
             std::remove((r.path + ".aux").c_str());
             std::remove(r.DataFile().c_str());
         }
+        std::remove((dir + "/c.ds").c_str());
         std::remove(dir.c_str());
     }
 };
@@ -340,6 +361,8 @@ void BM_Baseline(benchmark::State& state, const std::string& format)
         return PlainLoop(state, r, [](const uint8_t* p) { return FloatOf(LoadU32BE(p)); });
     if (r.isFloat)
         return PlainLoop(state, r, [](const uint8_t* p) { return FloatOf(LoadU32LE(p)); });
+    if (r.bigEndian)
+        return PlainLoop(state, r, [](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32BE(p))); });
     return PlainLoop(state, r, [](const uint8_t* p) { return static_cast<float>(static_cast<int32_t>(LoadU32LE(p))); });
 }
 
@@ -389,6 +412,7 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",
                                 "BDF",            "FiffFloat",      "FiffInt16",        "GenericFloat",
                                 "BrainVisionInt16x4", "CFWBInt16"};
+                                "BrainVisionInt16x4", "CtfInt32"};
 
 int Register()
 {

@@ -5,6 +5,7 @@
 #include "filelib/readers/ANT.h"
 #include "filelib/readers/BrainVision.h"
 #include "filelib/readers/CFWB.h"
+#include "filelib/readers/CTF.h"
 #include "filelib/readers/EDF_BDF.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/ERPSS.h"
@@ -46,6 +47,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrBrainVision, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {kMfrMicromed, "MicroMed", "Micromed System 98 (.TRC)", 20, 0, &Create<MicroMed>, nullptr},
+        {kMfrCTF, "CTF", "CTF MEG dataset (.ds folder: .res4 + .meg4)", 18, 0, &Create<CTF>, nullptr},
         {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
         {kMfrANT, "ANT", "ANT Neuro eego / EEProbe (.cnt RIFF and RF64)", 23, 0, &Create<ANT>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 
 #include "filelib/filelib.h"
 
@@ -16,6 +17,8 @@ constexpr long kMaxSlicesRead = 200000;  // keeps one input under a second
 
 void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes)
 {
+    std::error_code ec;  // folder formats: the recording's files may lie in a folder of their own
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
     FILE* out = std::fopen(path.c_str(), "wb");
     if (!out)
         std::abort();
@@ -109,9 +112,8 @@ void DriveFacade(const std::vector<FuzzFile>& files, const std::string& mainSuff
         // Library errors (ecError, and the facade's standard exceptions) are the expected
         // answer to bad input.
     }
-    for (const FuzzFile& file : files)
-        std::remove((stem + file.suffix).c_str());
-    // Side files a reader may write (the Neuroscan width decision).
-    std::remove((stem + mainSuffix + ".aux").c_str());
-    rmdir(dir);
+    // With the folders of folder formats and the side files a reader may write (the Neuroscan
+    // width decision).
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
 }

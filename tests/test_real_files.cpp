@@ -43,7 +43,7 @@ const Deviation* FindDeviation(const std::string& file, const std::string& chann
 std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
-    for (const char* family : {"ant", "bdf", "brainvision", "edf", "egi", "fiff", "micromed", "neuroscan", "nihonkohden", "windaq"}) {
+    for (const char* family : {"ant", "bdf", "brainvision", "ctf", "edf", "egi", "fiff", "micromed", "neuroscan", "nihonkohden", "windaq"}) {
         DIR* d = opendir((kData + family).c_str());
         if (!d)
             continue;
@@ -127,6 +127,8 @@ const EventSource kEventSources[] = {
      "the export writes its 0-based impedance positions as 1-based ones (the first before the data); the .evt time "
      "stamps put them at 0 and 4.584 s", {0, 2292}},
     {"test-na-271-legacy.cnt", "vendor_export_mne", 0, "Marker/Impedance", 0, "as above", {0, 2292}},
+    {"testdata_ctf_short_discontinuous.ds", "mne", 0, nullptr, 0, "no markers; MNE concatenates the two trials unmarked",
+     {1201}},
     {"test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt", "biosig", 0, nullptr, 208,
      "offset samples; a 0xD0 record ends the exclusion its 0xC0 record starts"},
     {"MB0400FU.EEG", "mne", 0, nullptr, 0, "the .LOG entries"},
