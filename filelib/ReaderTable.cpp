@@ -4,6 +4,7 @@
 
 #include "filelib/readers/BrainVision.h"
 #include "filelib/readers/EDF_BDF.h"
+#include "filelib/readers/EGI_MFF.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/ERPSS.h"
 #include "filelib/readers/Generic.h"
@@ -39,6 +40,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrEDF, "CEDF_BDF", "EDF / EDF+ (16-bit)", 4, 2, &Create<CEDF_BDF>, nullptr},
         {kMfrNeuroscan, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
         {kMfrBrainVision, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
+        {kMfrEGI, "CEGI", "EGI / Magstim MFF (.mff folder)", 7, 0, &Create<CEGI>, nullptr},
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
