@@ -1,5 +1,6 @@
 #include "Drive.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,8 +15,12 @@ namespace {
 
 constexpr long kMaxSlicesRead = 200000;  // keeps one input under a second
 
+// Folder formats name files inside a folder of the stem: it is made first.
 void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes)
 {
+    const size_t slash = path.find_last_of('/');
+    if (slash != std::string::npos)
+        mkdir(path.substr(0, slash).c_str(), 0700);
     FILE* out = std::fopen(path.c_str(), "wb");
     if (!out)
         std::abort();
@@ -111,6 +116,9 @@ void DriveFacade(const std::vector<FuzzFile>& files, const std::string& mainSuff
     }
     for (const FuzzFile& file : files)
         std::remove((stem + file.suffix).c_str());
+    for (const FuzzFile& file : files)  // the folders they were in, once empty
+        if (file.suffix.find('/') != std::string::npos)
+            rmdir((stem + file.suffix.substr(0, file.suffix.find_last_of('/'))).c_str());
     // Side files a reader may write (the Neuroscan width decision).
     std::remove((stem + mainSuffix + ".aux").c_str());
     rmdir(dir);
