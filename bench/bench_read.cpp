@@ -3,6 +3,7 @@
 // The files are generated once per run in a temporary directory; FILELIB_BENCH_MB sets their
 // data size (default 256 MB each).
 #include <benchmark/benchmark.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -204,6 +205,23 @@ Recording BrainVisionInt16(const std::string& dir, const char* name)
     return {path, 0, slices * 2 * kChannels, 2, false, false, path + ".eeg"};
 }
 
+// An MFF folder of one signal block (float32, channel-major), under 2 GiB as a block must be.
+Recording Mff(const std::string& dir, const char* name)
+{
+    const std::string folder = dir + "/" + name;
+    mkdir(folder.c_str(), 0700);
+    WriteTextFile(folder + "/info.xml", "<fileInfo><recordTime>2020-01-29T06:19:39.000000-08:00</recordTime></fileInfo>");
+    WriteTextFile(folder + "/info1.xml", "<dataInfo><generalInformation><fileDataType><EEG/></fileDataType></generalInformation></dataInfo>");
+    const long long samples = DataBytes() / (4LL * kChannels), headerBytes = 20 + 8 * kChannels;
+    Bytes header = Bytes().u32le(1).u32le(static_cast<uint32_t>(headerBytes)).u32le(static_cast<uint32_t>(samples * 4 * kChannels)).u32le(kChannels);
+    for (int c = 0; c < kChannels; ++c)
+        header.u32le(static_cast<uint32_t>(4 * samples * c));
+    for (int c = 0; c < kChannels; ++c)
+        header.u32le(1000u << 8 | 32u);
+    WriteFile(folder + "/signal1.bin", header.u32le(0), samples * 4 * kChannels);
+    return {folder, headerBytes, samples * 4 * kChannels, 4, false, true, folder + "/signal1.bin"};
+}
+
 struct Files {
     std::string dir;
     std::map<std::string, Recording> byName;
@@ -220,6 +238,7 @@ struct Files {
         byName["FiffInt16"] = Fiff(dir, "s.fif", 2, 2);
         byName["GenericFloat"] = Generic(dir, "g.f32");
         byName["BrainVisionInt16x4"] = BrainVisionInt16(dir, "bv.vhdr");
+        byName["MffFloat"] = Mff(dir, "m.mff");
     }
     ~Files()
     {
@@ -230,6 +249,8 @@ struct Files {
             std::remove((r.path + ".aux").c_str());
             std::remove(r.DataFile().c_str());
         }
+        for (const char* file : {"/m.mff/info.xml", "/m.mff/info1.xml", "/m.mff"})
+            std::remove((dir + file).c_str());
         std::remove(dir.c_str());
     }
 };
@@ -374,7 +395,7 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",
                                 "BDF",            "FiffFloat",      "FiffInt16",        "GenericFloat",
-                                "BrainVisionInt16x4"};
+                                "BrainVisionInt16x4", "MffFloat"};
 
 int Register()
 {
