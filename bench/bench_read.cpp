@@ -3,13 +3,13 @@
 // The files are generated once per run in a temporary directory; FILELIB_BENCH_MB sets their
 // data size (default 256 MB each).
 #include <benchmark/benchmark.h>
-
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -19,8 +19,8 @@
 #include "companion/ByteCursor.h"
 #include "filelib/filelib.h"
 #include "filelib/readers/Neuromag_FIFF.h"
-#include "fixtures/DaqFiles.h"
 #include "fixtures/CtfFiles.h"
+#include "fixtures/DaqFiles.h"
 #include "fixtures/EdfFiles.h"
 #include "fixtures/NeuroscanFiles.h"
 
@@ -236,6 +236,23 @@ Recording Ctf(const std::string& dir)
     return {folder + "c.res4", 8, trials * trialBytes, 4, true, false, folder + "c.meg4"};
 }
 
+// An MFF folder of one signal block (float32, channel-major), under 2 GiB as a block must be.
+Recording Mff(const std::string& dir, const char* name)
+{
+    const std::string folder = dir + "/" + name;
+    mkdir(folder.c_str(), 0700);
+    WriteTextFile(folder + "/info.xml", "<fileInfo><recordTime>2020-01-29T06:19:39.000000-08:00</recordTime></fileInfo>");
+    WriteTextFile(folder + "/info1.xml", "<dataInfo><generalInformation><fileDataType><EEG/></fileDataType></generalInformation></dataInfo>");
+    const long long samples = DataBytes() / (4LL * kChannels), headerBytes = 20 + 8 * kChannels;
+    Bytes header = Bytes().u32le(1).u32le(static_cast<uint32_t>(headerBytes)).u32le(static_cast<uint32_t>(samples * 4 * kChannels)).u32le(kChannels);
+    for (int c = 0; c < kChannels; ++c)
+        header.u32le(static_cast<uint32_t>(4 * samples * c));
+    for (int c = 0; c < kChannels; ++c)
+        header.u32le(1000u << 8 | 32u);
+    WriteFile(folder + "/signal1.bin", header.u32le(0), samples * 4 * kChannels);
+    return {folder, headerBytes, samples * 4 * kChannels, 4, false, true, folder + "/signal1.bin"};
+}
+
 struct Files {
     std::string dir;
     std::map<std::string, Recording> byName;
@@ -254,18 +271,12 @@ struct Files {
         byName["BrainVisionInt16x4"] = BrainVisionInt16(dir, "bv.vhdr");
         byName["CFWBInt16"] = Cfwb(dir, "c.bin");
         byName["CtfInt32"] = Ctf(dir);
+        byName["MffFloat"] = Mff(dir, "m.mff");
     }
     ~Files()
     {
-        std::remove((dir + "/tags.fif").c_str());
-        for (const auto& [name, r] : byName) {
-            std::remove(r.path.c_str());
-            std::remove((r.path + ".orva_hdr").c_str());
-            std::remove((r.path + ".aux").c_str());
-            std::remove(r.DataFile().c_str());
-        }
-        std::remove((dir + "/c.ds").c_str());
-        std::remove(dir.c_str());
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
     }
 };
 
@@ -411,8 +422,7 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",
                                 "BDF",            "FiffFloat",      "FiffInt16",        "GenericFloat",
-                                "BrainVisionInt16x4", "CFWBInt16"};
-                                "BrainVisionInt16x4", "CtfInt32"};
+                                "BrainVisionInt16x4", "CFWBInt16", "CtfInt32", "MffFloat"};
 
 int Register()
 {

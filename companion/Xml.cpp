@@ -120,14 +120,14 @@ private:
         return true;
     }
 
-    bool Attributes()
+    bool Attributes(ecXmlNode& node)
     {
         for (;;) {
             SkipBlanks();
             if (Peek('>') || Peek('/'))
                 return true;
-            std::string ignored;
-            if (!Name(ignored))
+            std::string name, value;
+            if (!Name(name))
                 return false;
             SkipBlanks();
             if (!Peek('='))
@@ -136,11 +136,19 @@ private:
             SkipBlanks();
             if (!Peek('"') && !Peek('\''))
                 return false;
-            char quote = s_[pos_++];
-            size_t end = s_.find(quote, pos_);
-            if (end == std::string::npos)
+            const char quote = s_[pos_++];
+            while (pos_ < s_.size() && s_[pos_] != quote) {
+                if (s_[pos_] == '&') {
+                    if (!Entity(value))
+                        return false;
+                } else {
+                    value += s_[pos_++];
+                }
+            }
+            if (pos_ == s_.size())
                 return false;
-            pos_ = end + 1;
+            ++pos_;
+            node.attributes.emplace_back(std::move(name), std::move(value));
         }
     }
 
@@ -178,7 +186,7 @@ private:
             return nullptr;
         ++pos_;  // '<'
         auto node = std::make_shared<ecXmlNode>();
-        if (!Name(node->name) || !Attributes())
+        if (!Name(node->name) || !Attributes(*node))
             return nullptr;
         if (StartsWith("/>")) {
             pos_ += 2;
@@ -350,6 +358,15 @@ std::string ecXml::GetString(const std::string& tag) const
 }
 
 std::string ecXml::CharacterData() const { return m_node ? Element()->text : std::string(); }
+
+std::string ecXml::Attribute(const std::string& name) const
+{
+    if (m_node)
+        for (const auto& [key, value] : Element()->attributes)
+            if (key == name)
+                return value;
+    return std::string();
+}
 
 int ecXml::GetInt(const std::string& tag) const
 {

@@ -1,5 +1,6 @@
 // A small DOM XML reader: elements, character data, the predefined and numeric entities,
-// comments, CDATA, the XML declaration and DOCTYPE. Attributes are parsed and skipped.
+// comments, CDATA, the XML declaration and DOCTYPE. Attributes are kept by name (values with their
+// entities resolved).
 // Malformed input makes Read return false; nothing is ever read past the text.
 #pragma once
 
@@ -14,6 +15,7 @@ struct ecXmlNode {
     std::string name;
     std::string text;  // concatenated character data directly inside the element
     std::vector<std::shared_ptr<ecXmlNode>> children;
+    std::vector<std::pair<std::string, std::string>> attributes;  // name, value, in document order
 };
 
 class FILELIB_API ecXml {
@@ -38,6 +40,8 @@ public:
     // character data, children and sequential readers are those of the root element, and
     // Sub(<root name>) gives the root itself.
     std::string CharacterData() const;
+    // The value of the element's attribute `name`; "" when it has none of that name.
+    std::string Attribute(const std::string& name) const;
     // Every direct child element with that tag, in document order.
     std::vector<ecXml> Children(const std::string& tag) const;
 

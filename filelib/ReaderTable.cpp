@@ -7,6 +7,7 @@
 #include "filelib/readers/CFWB.h"
 #include "filelib/readers/CTF.h"
 #include "filelib/readers/EDF_BDF.h"
+#include "filelib/readers/EGI_MFF.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/ERPSS.h"
 #include "filelib/readers/Generic.h"
@@ -45,6 +46,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrEDF, "CEDF_BDF", "EDF / EDF+ (16-bit)", 4, 2, &Create<CEDF_BDF>, nullptr},
         {kMfrNeuroscan, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
         {kMfrBrainVision, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
+        {kMfrEGI, "CEGI", "EGI / Magstim MFF (.mff folder)", 7, 0, &Create<CEGI>, nullptr},
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {kMfrMicromed, "MicroMed", "Micromed System 98 (.TRC)", 20, 0, &Create<MicroMed>, nullptr},
         {kMfrCTF, "CTF", "CTF MEG dataset (.ds folder: .res4 + .meg4)", 18, 0, &Create<CTF>, nullptr},
