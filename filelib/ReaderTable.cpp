@@ -2,12 +2,15 @@
 
 #include <algorithm>
 
+#include "companion/Utility.h"
+
 #include "filelib/readers/BrainVision.h"
 #include "filelib/readers/EDF_BDF.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/ERPSS.h"
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/Neuromag_FIFF.h"
+#include "filelib/readers/Persyst.h"
 #include "filelib/readers/neuroscn.h"
 
 namespace {
@@ -42,8 +45,31 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
+        {kMfrPersyst, "PerSyst", "Persyst (.lay + .dat)", 0, 0, &Create<PerSyst>, nullptr},
     });
     return table;
+}
+
+namespace {
+// Readers detection never tries, by the extension of the files they read. A row counts once its
+// reader is in the table.
+const struct {
+    const char* extension;
+    int code;
+} kUnprobedByExtension[] = {
+    {"lay", kMfrPersyst},
+    {"wdq", kMfrDataq},
+    {"wdh", kMfrDataq},
+};
+}  // namespace
+
+int UnprobedReaderByExtension(const std::string& fileName)
+{
+    const std::string extension = GetFileNameExtension(fileName);
+    for (const auto& row : kUnprobedByExtension)
+        if (IsEqual(extension, row.extension, false) && FindReader(row.code))
+            return row.code;
+    return 0;
 }
 
 const ecReaderEntry* FindReader(int code)

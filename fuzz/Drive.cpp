@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 
+#include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 
 namespace {
@@ -99,7 +100,11 @@ void DriveFacade(const std::vector<FuzzFile>& files, const std::string& mainSuff
     try {
         CFilelib f;
         std::string name = stem + mainSuffix;
-        if (f.GuessFileMFR(name) != 0) {
+        // As the filelib program does: a file detection passes over may be a never-probed format.
+        const int unprobed = f.GuessFileMFR(name) == 0 ? UnprobedReaderByExtension(name) : 0;
+        if (unprobed != 0)
+            f.SetFileSource(unprobed);
+        if (f.GetFileSource() != 0) {
             f.Initialize(0);
             Getters(f);
             Reads(f);

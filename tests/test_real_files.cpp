@@ -13,6 +13,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 #include "fixtures/Json.h"
 #include "fixtures/SharedData.h"
@@ -43,7 +44,7 @@ const Deviation* FindDeviation(const std::string& file, const std::string& chann
 std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
-    for (const char* family : {"bdf", "brainvision", "edf", "egi", "fiff", "neuroscan"}) {
+    for (const char* family : {"bdf", "brainvision", "edf", "egi", "fiff", "neuroscan", "persyst"}) {
         DIR* d = opendir((kData + family).c_str());
         if (!d)
             continue;
@@ -56,6 +57,18 @@ std::vector<std::string> ExpectedFiles()
         closedir(d);
     }
     return out;
+}
+
+// Detection, then (as the filelib program does) the never-probed reader of the file's extension.
+bool Open(CFilelib& f, const std::string& path)
+{
+    std::string name = path;
+    if (f.GuessFileMFR(name) == 0)
+        f.SetFileSource(UnprobedReaderByExtension(path));
+    if (f.GetFileSource() == 0)
+        return false;
+    f.Initialize(0);
+    return true;
 }
 
 Json Load(const std::string& path)
@@ -90,6 +103,7 @@ const EventSource kEventSources[] = {
     {"test_edf_stim_channel.edf", "mne", 0, nullptr, 0, "the pulses of DIG DTRIG, which MNE types as EEG",
      {121, 170, 193, 255, 307, 340, 388, 528, 558, 591, 644, 668}},
     {"test_uneven_samp.edf", "mne", 0, nullptr, 0, "none"},
+    {"sub-pt1_ses-02_task-monitor_acq-ecog_run-01_clip2.lay", "mne", 0, nullptr, 0, "comments"},
     {"test_egi.raw", "biosig", 0, nullptr, 0, "event channels; MNE adds its synthesised STI 014"},
     {"test_elekta_3ch_raw.fif", "mne", 0, nullptr, 0, "STI101 transitions"},
     {"neuromag122_test_file-raw.fif", "mne", 0, nullptr, 0, "none"},
@@ -138,9 +152,7 @@ TEST(RealFiles, ChannelsLengthAndFirstSamplesAgreeWithThePeers)
             continue;  // what such files must do is tested with their reader
         const std::string base = file.substr(file.find('/') + 1);
         CFilelib f;
-        std::string name = kData + file;
-        ASSERT_NE(f.GuessFileMFR(name), 0);
-        f.Initialize(0);
+        ASSERT_TRUE(Open(f, kData + file));
         std::vector<std::string> theirNames;
         for (const Json& n : mne["ch_names"].items)
             if (const Deviation* d = FindDeviation(base, n.text); !d || !d->notInTheFile)
@@ -216,9 +228,7 @@ TEST(RealFiles, EventsAgreeWithThePeerOfTheSameConvention)
         size_t total = 0;
         const std::vector<long> theirs = PeerOnsets(expected[source->peer], *source, total);
         CFilelib f;
-        std::string name = kData + file;
-        ASSERT_NE(f.GuessFileMFR(name), 0);
-        f.Initialize(0);
+        ASSERT_TRUE(Open(f, kData + file));
         ecEventList events;
         f.InitialEventList(&events, nullptr);
         std::vector<long> ours;
