@@ -10,6 +10,7 @@
 #include "filelib/readers/ERPSS.h"
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/Neuromag_FIFF.h"
+#include "filelib/readers/Nicolet_BNI.h"
 #include "filelib/readers/Persyst.h"
 #include "filelib/readers/neuroscn.h"
 
@@ -45,6 +46,8 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
+        {kMfrNicoletBNI, "ecNicolet_BNI", "Nicolet BNI-1 (.bni + .eeg) and NicVue export (.head + .data)", 10, 0,
+         &Create<ecNicolet_BNI>, nullptr},
         {kMfrPersyst, "PerSyst", "Persyst (.lay + .dat)", 0, 0, &Create<PerSyst>, nullptr},
     });
     return table;

@@ -68,3 +68,48 @@ TEST(Clinical, PersystFailuresNameTheirCause)
     CFilelib unnamed;  // the factory hands the reader the facade's (empty) file name
     EXPECT_EQ(Message([&] { OpenAs(unnamed, "", 25); }), "[PerSyst::Initialize] No layout file (.lay) is named.");
 }
+
+// The BNI-1 form, named by its data file: per-channel microvolts per bit, a data offset, the
+// data file named with a Windows path, and events without the display montage lines.
+TEST(Clinical, NicoletBniChannelsSamplesAndEvents)
+{
+    TempDir dir;
+    WriteTextFile(dir.path("f.bni"), BniHeader("0.000000\t0\t1\tMontage: Selected Lines: 2\r\nFz-EOG1,x\r\n"
+                                               "0.125\t5\t0\tEyes closed\r\n"));
+    Bytes().zeros(4).append(Ints({10, -20, 30, -40, 50})).write(dir.path("f.eeg"));
+    CFilelib f;
+    std::string name = dir.path("f.eeg");
+    ASSERT_EQ(f.GuessFileMFR(name), 36);
+    f.Initialize(0);
+    ASSERT_EQ(f.GetNumSlices(), 2);
+    EXPECT_EQ(std::vector<int>({f.GetChanType(0), f.GetChanType(1)}), std::vector<int>({0x400, 0}));
+    ecLabeledMatrix<float> m;
+    ASSERT_EQ(f.ReadData(m, 0, 2), 2);
+    EXPECT_EQ(std::vector<float>({m[0][0], m[1][0], m[0][1], m[1][1]}), std::vector<float>({5e-6f, -4e-5f, 1.5e-5f, -8e-5f}));
+    ecEventList events;
+    ASSERT_EQ(f.InitialEventList(&events, nullptr), 1);
+    EXPECT_EQ(events.GetEvent(0).GetEventName() + "|" + std::to_string(events.GetEvent(0).GetBegin()) + "|" +
+                  std::to_string(events.GetEvent(0).GetEventCode()),
+              "Eyes closed|13|5");
+}
+
+TEST(Clinical, NicoletFailuresNameTheirCause)
+{
+    TempDir dir;
+    Ints({1, 2, 3, 4}).write(dir.path("f.data"));
+    const struct {
+        std::string file, text, says;
+    } cases[] = {
+        {"f.head", NicVueHeader(3), "The header declares 3 slices; " + dir.path("f.data") + " holds 2."},
+        {"f.head", Replaced(NicVueHeader(2), "sample_bytes=2", "sample_bytes=4"), "sample_bytes is '4': only 2-byte samples can be read."},
+        {"f.head", Replaced(NicVueHeader(2), "[C3,ECG]", "[C3]"), "elec_names names 1 channels; num_channels is 2."},
+        {"f.bni", BniHeader(""), "Cannot open the data file " + dir.path("f.eeg")},
+        {"f.bni", Replaced(BniHeader(""), "0.5,2,", "0.5,2,1"), "UvPerBit gives 3 values for 2 channels."},
+    };
+    for (const auto& c : cases) {
+        WriteTextFile(dir.path(c.file), c.text);
+        CFilelib f;
+        std::string name = dir.path(c.file);
+        EXPECT_EQ(Message([&] { f.GuessFileMFR(name); }), "[ecNicolet_BNI::Initialize] " + c.says);
+    }
+}

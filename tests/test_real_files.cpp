@@ -44,7 +44,7 @@ const Deviation* FindDeviation(const std::string& file, const std::string& chann
 std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
-    for (const char* family : {"bdf", "brainvision", "edf", "egi", "fiff", "neuroscan", "persyst"}) {
+    for (const char* family : {"bdf", "brainvision", "edf", "egi", "fiff", "neuroscan", "nicolet", "persyst"}) {
         DIR* d = opendir((kData + family).c_str());
         if (!d)
             continue;
@@ -103,6 +103,7 @@ const EventSource kEventSources[] = {
     {"test_edf_stim_channel.edf", "mne", 0, nullptr, 0, "the pulses of DIG DTRIG, which MNE types as EEG",
      {121, 170, 193, 255, 307, 340, 388, 528, 558, 591, 644, 668}},
     {"test_uneven_samp.edf", "mne", 0, nullptr, 0, "none"},
+    {"test_nicolet_raw.data", "mne", 0, nullptr, 0, "none"},
     {"sub-pt1_ses-02_task-monitor_acq-ecog_run-01_clip2.lay", "mne", 0, nullptr, 0, "comments"},
     {"test_egi.raw", "biosig", 0, nullptr, 0, "event channels; MNE adds its synthesised STI 014"},
     {"test_elekta_3ch_raw.fif", "mne", 0, nullptr, 0, "STI101 transitions"},
