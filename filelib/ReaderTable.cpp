@@ -10,6 +10,7 @@
 #include "filelib/readers/ERPSS.h"
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/Neuromag_FIFF.h"
+#include "filelib/readers/Nexstim.h"
 #include "filelib/readers/Nicolet_BNI.h"
 #include "filelib/readers/Persyst.h"
 #include "filelib/readers/neuroscn.h"
@@ -48,6 +49,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
         {kMfrNicoletBNI, "ecNicolet_BNI", "Nicolet BNI-1 (.bni + .eeg) and NicVue export (.head + .data)", 10, 0,
          &Create<ecNicolet_BNI>, nullptr},
+        {kMfrNexstim, "ecNexstim", "Nexstim eXimia (.nxe)", 22, 0, &Create<ecNexstim>, nullptr},
         {kMfrPersyst, "PerSyst", "Persyst (.lay + .dat)", 0, 0, &Create<PerSyst>, nullptr},
     });
     return table;

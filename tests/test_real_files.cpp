@@ -33,6 +33,24 @@ const Deviation kDeviations[] = {
     {"test_egi.raw", "STI 014", true, "a trigger channel MNE synthesises from the event channels"},
 };
 
+// Files whose MNE values are microvolts labelled volts: scaled to volts before comparing, on the
+// channels this library delivers in volts.
+const struct {
+    const char* file;
+    double toVolts;
+    const char* why;
+} kMicrovoltPeers[] = {
+    {"test_eximia.nxe", 1e-6, "MNE's eXimia gains give microvolts (its test leaves the scale unchecked)"},
+};
+
+double PeerScale(const std::string& file, const std::string& unit)
+{
+    for (const auto& p : kMicrovoltPeers)
+        if (file == p.file && unit == "V")
+            return p.toVolts;
+    return 1;
+}
+
 const Deviation* FindDeviation(const std::string& file, const std::string& channel)
 {
     for (const Deviation& d : kDeviations)
@@ -44,7 +62,7 @@ const Deviation* FindDeviation(const std::string& file, const std::string& chann
 std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
-    for (const char* family : {"bdf", "brainvision", "edf", "egi", "fiff", "neuroscan", "nicolet", "persyst"}) {
+    for (const char* family : {"bdf", "brainvision", "edf", "egi", "fiff", "eximia", "neuroscan", "nicolet", "persyst"}) {
         DIR* d = opendir((kData + family).c_str());
         if (!d)
             continue;
@@ -103,6 +121,7 @@ const EventSource kEventSources[] = {
     {"test_edf_stim_channel.edf", "mne", 0, nullptr, 0, "the pulses of DIG DTRIG, which MNE types as EEG",
      {121, 170, 193, 255, 307, 340, 388, 528, 558, 591, 644, 668}},
     {"test_uneven_samp.edf", "mne", 0, nullptr, 0, "none"},
+    {"test_eximia.nxe", "mne", 0, nullptr, 0, "none: the trigger channels carry them"},
     {"test_nicolet_raw.data", "mne", 0, nullptr, 0, "none"},
     {"sub-pt1_ses-02_task-monitor_acq-ecog_run-01_clip2.lay", "mne", 0, nullptr, 0, "comments"},
     {"test_egi.raw", "biosig", 0, nullptr, 0, "event channels; MNE adds its synthesised STI 014"},
@@ -174,8 +193,11 @@ TEST(RealFiles, ChannelsLengthAndFirstSamplesAgreeWithThePeers)
             const Json* b = PeerSamples(biosig, channel);
             if (!a || FindDeviation(base, channel))
                 continue;
+            std::string unit;
+            f.GetChanUnit(c, unit);
+            const double scale = PeerScale(base, unit);
             for (size_t t = 0; t < a->size() && t < 10; ++t) {
-                const double v = m[c][static_cast<long>(t)];
+                const double v = m[c][static_cast<long>(t)] / scale;
                 EXPECT_TRUE(Near(v, (*a)[t].number) || (b && Near(v, (*b)[t].number)))
                     << channel << "[" << t << "] = " << v << "; MNE " << (*a)[t].number;
             }
