@@ -204,6 +204,15 @@ Recording BrainVisionInt16(const std::string& dir, const char* name)
     return {path, 0, slices * 2 * kChannels, 2, false, false, path + ".eeg"};
 }
 
+// eXimia: the samples alone, 64 channels of 16 bits (kChannels is the format's own count).
+Recording Nexstim(const std::string& dir, const char* name)
+{
+    const long long bytes = DataBytes() / (2LL * kChannels) * (2LL * kChannels);
+    const std::string path = dir + "/" + name;
+    WriteFile(path, Bytes(), bytes);
+    return {path, 0, bytes, 2, false, false};
+}
+
 struct Files {
     std::string dir;
     std::map<std::string, Recording> byName;
@@ -220,6 +229,7 @@ struct Files {
         byName["FiffInt16"] = Fiff(dir, "s.fif", 2, 2);
         byName["GenericFloat"] = Generic(dir, "g.f32");
         byName["BrainVisionInt16x4"] = BrainVisionInt16(dir, "bv.vhdr");
+        byName["NexstimInt16"] = Nexstim(dir, "x.nxe");
     }
     ~Files()
     {
@@ -374,7 +384,7 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",
                                 "BDF",            "FiffFloat",      "FiffInt16",        "GenericFloat",
-                                "BrainVisionInt16x4"};
+                                "BrainVisionInt16x4", "NexstimInt16"};
 
 int Register()
 {

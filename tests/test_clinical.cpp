@@ -5,6 +5,7 @@
 #include "filelib/filelib.h"
 #include "fixtures/ClinicalFiles.h"
 #include "fixtures/Errors.h"
+#include "fixtures/SharedData.h"
 
 namespace {
 // Opens `path` with the reader of `code`, as the program's --format does.
@@ -112,4 +113,44 @@ TEST(Clinical, NicoletFailuresNameTheirCause)
         std::string name = dir.path(c.file);
         EXPECT_EQ(Message([&] { f.GuessFileMFR(name); }), "[ecNicolet_BNI::Initialize] " + c.says);
     }
+}
+
+// What the recordings' READMEs state beyond the shared test: channel types and event texts.
+TEST(Clinical, RealRecordingsTypesAndCommentTexts)
+{
+    SHARED_DATA_OR_SKIP(data, "");
+    const struct {
+        std::string file;
+        int code, eeg, trigger;
+    } files[] = {{"nicolet/test_nicolet_raw.data", 36, 24, 0}, {"eximia/test_eximia.nxe", 30, 60, 3},
+                 {"persyst/sub-pt1_ses-02_task-monitor_acq-ecog_run-01_clip2.lay", 25, 83, 0}};
+    for (const auto& r : files) {
+        CFilelib f;
+        OpenAs(f, data + r.file, r.code);
+        EXPECT_EQ(f.GetNumChans(kChanEEG) * 100 + f.GetNumChans(kChanTrigger), r.eeg * 100 + r.trigger) << r.file;
+    }
+    CFilelib persyst;
+    OpenAs(persyst, data + files[2].file, 25);
+    ecEventList events;
+    persyst.InitialEventList(&events, nullptr);
+    std::string names;
+    for (int i = 0; i < events.GetEventCnt(true); ++i)
+        names += events.GetEvent(i).GetEventName() + ";";
+    EXPECT_EQ(names, "seizure;seizure;seizure1,2;CLip2;Clip1;");
+}
+
+// eXimia files have no header: a torn last slice is not read, and a file without one whole
+// slice is refused once its extension claimed it.
+TEST(Clinical, NexstimWholeSlicesOnly)
+{
+    TempDir dir;
+    Ints(std::vector<int>(64 * 2 + 5, 1)).write(dir.path("torn.nxe"));
+    Ints(std::vector<int>(63, 1)).write(dir.path("short.nxe"));
+    CFilelib f;
+    std::string torn = dir.path("torn.nxe"), cut = dir.path("short.nxe");
+    ASSERT_EQ(f.GuessFileMFR(torn), 30);
+    EXPECT_EQ(f.GetActiveFile()->GetNumSlices(), 2);
+    CFilelib g;
+    EXPECT_EQ(Message([&] { g.GuessFileMFR(cut); }),
+              "[ecNexstim::Initialize] The file holds no whole slice of 64 channels: " + cut);
 }
