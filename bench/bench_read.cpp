@@ -253,6 +253,15 @@ Recording Mff(const std::string& dir, const char* name)
     return {folder, headerBytes, samples * 4 * kChannels, 4, false, true, folder + "/signal1.bin"};
 }
 
+// eXimia: the samples alone, 64 channels of 16 bits (kChannels is the format's own count).
+Recording Nexstim(const std::string& dir, const char* name)
+{
+    const long long bytes = DataBytes() / (2LL * kChannels) * (2LL * kChannels);
+    const std::string path = dir + "/" + name;
+    WriteFile(path, Bytes(), bytes);
+    return {path, 0, bytes, 2, false, false};
+}
+
 struct Files {
     std::string dir;
     std::map<std::string, Recording> byName;
@@ -272,6 +281,7 @@ struct Files {
         byName["CFWBInt16"] = Cfwb(dir, "c.bin");
         byName["CtfInt32"] = Ctf(dir);
         byName["MffFloat"] = Mff(dir, "m.mff");
+        byName["NexstimInt16"] = Nexstim(dir, "x.nxe");
     }
     ~Files()
     {
@@ -422,7 +432,7 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",
                                 "BDF",            "FiffFloat",      "FiffInt16",        "GenericFloat",
-                                "BrainVisionInt16x4", "CFWBInt16", "CtfInt32", "MffFloat"};
+                                "BrainVisionInt16x4", "CFWBInt16", "CtfInt32", "MffFloat", "NexstimInt16"};
 
 int Register()
 {

@@ -54,7 +54,7 @@ std::string LowerAscii(std::string s)
 
 ecIniText::ecIniText(const std::string& text, const std::string& freeTextSection) { Parse(text, freeTextSection); }
 
-bool ecIniText::ReadFile(const std::string& path, size_t limitBytes, const std::string& freeTextSection)
+bool ReadLimitedFile(const std::string& path, size_t limitBytes, std::string& bytes)
 {
     std::ifstream in(path, std::ios::binary);
     if (!in)
@@ -64,8 +64,14 @@ bool ecIniText::ReadFile(const std::string& path, size_t limitBytes, const std::
     if (size < 0 || static_cast<unsigned long long>(size) > limitBytes)
         return false;
     in.seekg(0);
-    std::string bytes(static_cast<size_t>(size), '\0');
-    if (size > 0 && !in.read(&bytes[0], size))
+    bytes.assign(static_cast<size_t>(size), '\0');
+    return size == 0 || static_cast<bool>(in.read(&bytes[0], size));
+}
+
+bool ecIniText::ReadFile(const std::string& path, size_t limitBytes, const std::string& freeTextSection)
+{
+    std::string bytes;
+    if (!ReadLimitedFile(path, limitBytes, bytes))
         return false;
     Parse(bytes, freeTextSection);
     return true;

@@ -30,6 +30,8 @@ private:
     std::map<std::string, Section> m_sections;  // names lower-cased
 };
 
+// The bytes of a file of at most `limitBytes`; false when it is missing, unreadable or larger.
+bool ReadLimitedFile(const std::string& path, size_t limitBytes, std::string& bytes);
 // Bytes as UTF-8 text: the byte-order mark dropped, Latin-1 re-encoded unless valid UTF-8.
 std::string TextAsUtf8(std::string bytes);
 // ASCII letters lower-cased.

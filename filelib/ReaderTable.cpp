@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "companion/Utility.h"
 #include "filelib/readers/ANT.h"
 #include "filelib/readers/BrainVision.h"
 #include "filelib/readers/CFWB.h"
@@ -13,9 +14,12 @@
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/Micromed.h"
 #include "filelib/readers/Neuromag_FIFF.h"
-#include "filelib/readers/NihonKohden.h"
-#include "filelib/readers/WinDaq.h"
 #include "filelib/readers/neuroscn.h"
+#include "filelib/readers/Nexstim.h"
+#include "filelib/readers/Nicolet_BNI.h"
+#include "filelib/readers/NihonKohden.h"
+#include "filelib/readers/Persyst.h"
+#include "filelib/readers/WinDaq.h"
 
 namespace {
 template <typename Reader>
@@ -56,8 +60,34 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrNihonKohden, "NihonKoden", "Nihon Kohden (.EEG + .21E, .PNT, .LOG)", 9, 0, &Create<NihonKoden>, nullptr},
         {kMfrDataq, "ecDataq", "DATAQ WinDaq (.wdq, .wdh)", 0, 0, &Create<ecDataq>, nullptr},
         {kMfrCFWB, "ecADInst_CFWB", "ADInstruments Chart binary (CFWB)", 29, 0, &Create<ecADInst_CFWB>, nullptr},
+        {kMfrNicoletBNI, "ecNicolet_BNI", "Nicolet BNI-1 (.bni + .eeg) and NicVue export (.head + .data)", 10, 0,
+         &Create<ecNicolet_BNI>, nullptr},
+        {kMfrNexstim, "ecNexstim", "Nexstim eXimia (.nxe)", 22, 0, &Create<ecNexstim>, nullptr},
+        {kMfrPersyst, "PerSyst", "Persyst (.lay + .dat)", 0, 0, &Create<PerSyst>, nullptr},
     });
     return table;
+}
+
+namespace {
+// Readers detection never tries, by the extension of the files they read. A row counts once its
+// reader is in the table.
+const struct {
+    const char* extension;
+    int code;
+} kUnprobedByExtension[] = {
+    {"lay", kMfrPersyst},
+    {"wdq", kMfrDataq},
+    {"wdh", kMfrDataq},
+};
+}  // namespace
+
+int UnprobedReaderByExtension(const std::string& fileName)
+{
+    const std::string extension = GetFileNameExtension(fileName);
+    for (const auto& row : kUnprobedByExtension)
+        if (IsEqual(extension, row.extension, false) && FindReader(row.code))
+            return row.code;
+    return 0;
 }
 
 const ecReaderEntry* FindReader(int code)

@@ -21,5 +21,9 @@ struct ecReaderEntry {
 // Rows ordered by probe position (unprobed rows last).
 const std::vector<ecReaderEntry>& ReaderTable();
 const ecReaderEntry* FindReader(int code);
+// The never-probed reader that files of this name's extension are read with (Persyst for .lay),
+// or 0. The facade's detection does not use it; the program falls back on it when detection
+// finds nothing.
+int UnprobedReaderByExtension(const std::string& fileName);
 // "Neuroscan (4), ..." for messages that list what is supported.
 std::string SupportedFormatsText();

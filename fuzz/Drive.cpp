@@ -9,6 +9,7 @@
 #include <exception>
 #include <filesystem>
 
+#include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 
 namespace {
@@ -102,7 +103,11 @@ void DriveFacade(const std::vector<FuzzFile>& files, const std::string& mainSuff
     try {
         CFilelib f;
         std::string name = stem + mainSuffix;
-        if (f.GuessFileMFR(name) != 0) {
+        // As the filelib program does: a file detection passes over may be a never-probed format.
+        const int unprobed = f.GuessFileMFR(name) == 0 ? UnprobedReaderByExtension(name) : 0;
+        if (unprobed != 0)
+            f.SetFileSource(unprobed);
+        if (f.GetFileSource() != 0) {
             f.Initialize(0);
             Getters(f);
             Reads(f);

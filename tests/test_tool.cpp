@@ -9,6 +9,7 @@
 
 #include "companion/Xml.h"
 #include "filelib/filelib.h"
+#include "fixtures/ClinicalFiles.h"
 #include "fixtures/GenericFiles.h"
 #include "fixtures/Json.h"
 #include "fixtures/NeuroscanFiles.h"
@@ -31,7 +32,8 @@ ToolRun Tool(const TempDir& dir, const std::string& args)
 
 // g.dat: a generic pair with an event file and a trigger channel TRIG holding 0, 0, 3, 3, 0, 0;
 // v.vhdr: a BrainVision set; x.eeg: a Neuroscan epoched header without its sweeps (it opens,
-// its data cannot be read); a.avg: a Neuroscan average of 3 points.
+// its data cannot be read); a.avg: a Neuroscan average of 3 points; f.lay: a Persyst layout
+// (never detected: read by its extension) of 2 slices in f.dat.
 void WriteRecordings(const TempDir& dir)
 {
     GenericSpec spec;
@@ -52,6 +54,8 @@ void WriteRecordings(const TempDir& dir)
     eeg.sweeps = 2;
     NeuroscanHeader(eeg).write(dir.path("x.eeg"));
     NeuroscanHeader(eeg).zeros(2 * (5 + 3 * 4)).write(dir.path("a.avg"));
+    WriteTextFile(dir.path("f.lay"), PersystLayout({"Cz"}, 0, 0, ""));
+    Ints({1, 2}).write(dir.path("f.dat"));
 }
 
 // Every file of `dir` but the program's captured output, with its content.
@@ -152,6 +156,10 @@ TEST(Tool, CommandLineRulesLeaveEveryFileAsItWasAndPlot)
         {"frobnicate x", 1, "unknown command \"frobnicate\""},
         {"info nothing.cnt", 1, "cannot open nothing.cnt"},
         {"info notes.txt", 2, "notes.txt is not a recording filelib recognises. Supported formats: "},
+        {"info f.lay", 0, "Format:        PerSyst (code 25)\n"},
+        {"dump v.vhdr --format 25", 1, "[PerSyst::Initialize] Not a Persyst layout file (no [FileInfo] section): v.vhdr"},
+        {"events g.dat --format 99", 1, "--format 99 is no reader's code. Supported formats: "},
+        {"convert f.lay f.dat --force", 1, "convert would overwrite f.dat"},  // the data file the layout names
         {"dump g.dat --channels Nope", 1, "no channel named \"Nope\"\n"},
         {"plot g.dat", 1, "plot needs --out FILE.svg"},
         {"stats a.avg", 0, "\n3 slices read in "},  // asks for no more than the recording holds

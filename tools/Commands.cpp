@@ -14,6 +14,7 @@
 #include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 #include "filelib/readers/BrainVision.h"
+#include "filelib/readers/Persyst.h"
 
 std::string RenderSvg(CFilelib& f, const std::string& title, long first, long count, const std::vector<int>& channels);
 
@@ -21,16 +22,29 @@ namespace {
 
 constexpr int kBlock = 5000;
 
-void Open(CFilelib& f, const std::string& path)
+// Detection first; a file it does not recognise may still be one of the readers detection never
+// tries, known by its extension. A format the caller names replaces both.
+void Open(CFilelib& f, const std::string& path, int format)
 {
     if (FILE* probe = std::fopen(path.c_str(), "rb"))
         std::fclose(probe);
     else
         throw std::runtime_error("cannot open " + path + ": no such file or not readable");
+    if (format != 0 && !FindReader(format))
+        throw std::runtime_error("--format " + std::to_string(format) + " is no reader's code. Supported formats: " +
+                                 SupportedFormatsText() + ".");
     std::string name = path;
-    if (f.GuessFileMFR(name) == 0)
-        throw Unrecognized(path + " is not a recording filelib recognises. Supported formats: " +
-                           SupportedFormatsText() + ".");
+    int code = format;
+    if (code == 0 && f.GuessFileMFR(name) == 0) {
+        code = UnprobedReaderByExtension(path);
+        if (code == 0)
+            throw Unrecognized(path + " is not a recording filelib recognises. Supported formats: " +
+                               SupportedFormatsText() + ".");
+    }
+    if (code != 0) {
+        f.SetInputFileName(path.c_str());
+        f.SetFileSource(code);
+    }
     f.Initialize(0);
 }
 
@@ -124,7 +138,7 @@ void PrintEvents(const ecEventList& events, bool json)
 
 // The files a recording is read from: the one named, the reader's own input (a generic pair is
 // named by either file), the side files readers look for beside it, a calibration file, and the
-// files a BrainVision header names.
+// files a BrainVision header or a Persyst layout names.
 std::vector<std::string> SourceFiles(CFilelib& f, const std::string& path)
 {
     ecFilebase* reader = f.GetActiveFile();
@@ -135,6 +149,8 @@ std::vector<std::string> SourceFiles(CFilelib& f, const std::string& path)
         files.push_back(bv->GetDataFileName());
         files.push_back(bv->GetMarkerFileName());
     }
+    if (const auto* persyst = dynamic_cast<const PerSyst*>(reader))
+        files.push_back(persyst->GetDataFileName());
     return files;
 }
 
@@ -167,7 +183,7 @@ void CheckConvertTargets(CFilelib& f, const Options& o)
 int RunInfo(const Options& o)
 {
     CFilelib f;
-    Open(f, o.file);
+    Open(f, o.file, o.format);
     ecFilebase* reader = f.GetActiveFile();
     const int events = CountEvents(f);
     if (o.json) {
@@ -206,7 +222,7 @@ int RunInfo(const Options& o)
 int RunEvents(const Options& o)
 {
     CFilelib f;
-    Open(f, o.file);
+    Open(f, o.file, o.format);
     ecEventList events;
     f.InitialEventList(&events, nullptr);
     PrintEvents(events, o.json);
@@ -216,7 +232,7 @@ int RunEvents(const Options& o)
 int RunDump(const Options& o)
 {
     CFilelib f;
-    Open(f, o.file);
+    Open(f, o.file, o.format);
     const std::vector<int> channels = SelectChannels(f, o.channels);
     const long wanted = o.count >= 0 ? o.count : 10;
     if (o.first < 0 || o.first > 0x7FFFFFFF || wanted > 0x7FFFFFFF)
@@ -257,7 +273,7 @@ int RunDump(const Options& o)
 int RunStats(const Options& o)
 {
     CFilelib f;
-    Open(f, o.file);
+    Open(f, o.file, o.format);
     const int chans = f.GetNumChans();
     std::vector<double> lo(static_cast<size_t>(chans), INFINITY), hi(lo.size(), -INFINITY), sum(lo.size(), 0.0),
         sq(lo.size(), 0.0);
@@ -303,7 +319,7 @@ int RunStats(const Options& o)
 int RunConvert(const Options& o)
 {
     CFilelib f;
-    Open(f, o.file);
+    Open(f, o.file, o.format);
     CheckConvertTargets(f, o);
     TerminalProgress progress("converting");
     const int written = WriteGenericCopy(f, o.out, &progress);
@@ -319,7 +335,7 @@ int RunConvert(const Options& o)
 int RunTriggers(const Options& o)
 {
     CFilelib f;
-    Open(f, o.file);
+    Open(f, o.file, o.format);
     if (f.GetNumChans(0x8000) == 0)
         throw std::runtime_error(o.file + " has no trigger channel (type bit 0x8000)");
     TerminalProgress progress("searching");
@@ -341,7 +357,7 @@ int RunTriggers(const Options& o)
 int RunPlot(const Options& o)
 {
     CFilelib f;
-    Open(f, o.file);
+    Open(f, o.file, o.format);
     const std::vector<int> channels = SelectChannels(f, o.channels);
     const double rate = f.GetSampleRate();
     const long available = std::max(0L, f.GetNumSlices() - o.first);

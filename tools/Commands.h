@@ -19,6 +19,7 @@ struct Options {
     double threshold = 0.5;
     int deadTime = 0;
     long mask = -1;
+    int format = 0;  // a manufacturer code: read FILE with that reader instead of detecting it
 };
 
 // A file no reader recognises (exit status 2).

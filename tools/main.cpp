@@ -61,6 +61,9 @@ void ProgramHelp(std::ostream& out)
     for (const auto& [name, cmd] : Commands())
         out << "  " << cmd.usage << "\n";
     out << "  filelib --version\n";
+    out << "\nEvery command takes --format CODE: FILE is read with the reader of that code (listed below in\n"
+        << "brackets) instead of being detected. Files detection does not recognise are tried by extension\n"
+        << "with the readers it never tries (.lay: Persyst).\n";
     out << "\nfilelib COMMAND --help explains a command. Exit status: 0 done, 1 error, 2 file not recognised.\n"
         << "Supported formats: " << SupportedFormatsText() << ".\n";
 }
@@ -136,6 +139,12 @@ Options Parse(const std::string& command, int argc, char** argv)
         const std::string a = argv[i];
         if (a.size() < 2 || a[0] != '-') {
             positional.push_back(a);
+            continue;
+        }
+        if (a == "--format") {  // any command: read FILE with the reader of that code
+            if (i + 1 >= argc)
+                throw std::runtime_error(a + " needs a value");
+            o.format = static_cast<int>(Number(a, argv[++i]));
             continue;
         }
         if (!Takes(cmd, a))
