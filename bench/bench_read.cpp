@@ -17,6 +17,7 @@
 #include "filelib/filelib.h"
 #include "filelib/readers/Neuromag_FIFF.h"
 #include "fixtures/EdfFiles.h"
+#include "fixtures/FourDFiles.h"
 #include "fixtures/NeuroscanFiles.h"
 
 namespace {
@@ -204,6 +205,19 @@ Recording BrainVisionInt16(const std::string& dir, const char* name)
     return {path, 0, slices * 2 * kChannels, 2, false, false, path + ".eeg"};
 }
 
+// 4D: 16-bit big-endian slices, then the header; the configuration beside the pdf.
+Recording FourDPdf(const std::string& dir, const char* name)
+{
+    const long long slices = DataBytes() / (2LL * kChannels);
+    FourDSpec spec{1, {static_cast<int>(slices)}, {}};
+    for (int c = 0; c < kChannels; ++c)
+        spec.channels.push_back({"A" + std::to_string(c + 1), 1, 1e-13f});
+    const std::string path = dir + "/" + name;
+    FourDConfig(spec.channels).write(dir + "/4d_config");
+    WriteFile(path, Bytes(), slices * 2 * kChannels, FourDHeader(spec, slices * 2 * kChannels));
+    return {path, 0, slices * 2 * kChannels, 2, true, false};
+}
+
 struct Files {
     std::string dir;
     std::map<std::string, Recording> byName;
@@ -220,10 +234,12 @@ struct Files {
         byName["FiffInt16"] = Fiff(dir, "s.fif", 2, 2);
         byName["GenericFloat"] = Generic(dir, "g.f32");
         byName["BrainVisionInt16x4"] = BrainVisionInt16(dir, "bv.vhdr");
+        byName["FourDInt16"] = FourDPdf(dir, "4d_pdf");
     }
     ~Files()
     {
         std::remove((dir + "/tags.fif").c_str());
+        std::remove((dir + "/4d_config").c_str());
         for (const auto& [name, r] : byName) {
             std::remove(r.path.c_str());
             std::remove((r.path + ".orva_hdr").c_str());
@@ -374,7 +390,7 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",
                                 "BDF",            "FiffFloat",      "FiffInt16",        "GenericFloat",
-                                "BrainVisionInt16x4"};
+                                "BrainVisionInt16x4", "FourDInt16"};
 
 int Register()
 {
