@@ -2,13 +2,16 @@
 
 #include <algorithm>
 
+#include "filelib/readers/ANT.h"
 #include "filelib/readers/BrainVision.h"
 #include "filelib/readers/EDF_BDF.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/ERPSS.h"
 #include "filelib/readers/FourD.h"
 #include "filelib/readers/Generic.h"
+#include "filelib/readers/Micromed.h"
 #include "filelib/readers/Neuromag_FIFF.h"
+#include "filelib/readers/NihonKohden.h"
 #include "filelib/readers/neuroscn.h"
 
 namespace {
@@ -42,8 +45,11 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrBrainVision, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
         {kMfr4D, "FourD", "4D Neuroimaging / BTi MEG (pdf + config)", 16, 0, &Create<FourD>, nullptr},
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
+        {kMfrMicromed, "MicroMed", "Micromed System 98 (.TRC)", 20, 0, &Create<MicroMed>, nullptr},
         {kMfrERPSS, "ecERPSS", "ERPSS raw (compressed or plain records)", 21, 0, &Create<ecERPSS>, nullptr},
+        {kMfrANT, "ANT", "ANT Neuro eego / EEProbe (.cnt RIFF and RF64)", 23, 0, &Create<ANT>, nullptr},
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
+        {kMfrNihonKohden, "NihonKoden", "Nihon Kohden (.EEG + .21E, .PNT, .LOG)", 9, 0, &Create<NihonKoden>, nullptr},
     });
     return table;
 }

@@ -70,8 +70,10 @@ const ecSampleType kTypes[] = {ecSampleType::Int8,  ecSampleType::UInt8, ecSampl
 
 TEST(SampleEngine, EveryTypeByteOrderAndArrangement)
 {
-    const int channels = 3;
-    const long long slices = 6;
+    // Five channels of nine slices: a multiplexed read of eight moves a 4 x 4 block of four
+    // channels twice, then the fifth channel and the slices beyond the blocks one by one.
+    const int channels = 5;
+    const long long slices = 9;
     for (ecSampleType type : kTypes)
         for (bool big : {false, true})
             for (bool multiplexed : {true, false}) {
@@ -87,9 +89,9 @@ TEST(SampleEngine, EveryTypeByteOrderAndArrangement)
                 ecSampleEngine engine;
                 engine.SetLayout(multiplexed ? ecDataLayout::Multiplexed(type, big, channels, channels, 4, slices)
                                              : ecDataLayout::Vectorized(type, big, channels, 4, slices));
-                const auto rows = ReadAll(engine, f.fp, 1, 5);
+                const auto rows = ReadAll(engine, f.fp, 1, 8);
                 for (int c = 0; c < channels; ++c)
-                    for (long long t = 0; t < 5; ++t)
+                    for (long long t = 0; t < 8; ++t)
                         EXPECT_EQ(rows[c][t], static_cast<float>(Stored(type, c, t + 1))) << c << "," << t;
             }
 }
