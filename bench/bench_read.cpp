@@ -22,6 +22,7 @@
 #include "fixtures/CtfFiles.h"
 #include "fixtures/DaqFiles.h"
 #include "fixtures/EdfFiles.h"
+#include "fixtures/FourDFiles.h"
 #include "fixtures/NeuroscanFiles.h"
 
 namespace {
@@ -262,6 +263,19 @@ Recording Nexstim(const std::string& dir, const char* name)
     return {path, 0, bytes, 2, false, false};
 }
 
+// 4D: 16-bit big-endian slices, then the header; the configuration beside the pdf.
+Recording FourDPdf(const std::string& dir, const char* name)
+{
+    const long long slices = DataBytes() / (2LL * kChannels);
+    FourDSpec spec{1, {static_cast<int>(slices)}, {}};
+    for (int c = 0; c < kChannels; ++c)
+        spec.channels.push_back({"A" + std::to_string(c + 1), 1, 1e-13f});
+    const std::string path = dir + "/" + name;
+    FourDConfig(spec.channels).write(dir + "/4d_config");
+    WriteFile(path, Bytes(), slices * 2 * kChannels, FourDHeader(spec, slices * 2 * kChannels));
+    return {path, 0, slices * 2 * kChannels, 2, true, false};
+}
+
 struct Files {
     std::string dir;
     std::map<std::string, Recording> byName;
@@ -282,6 +296,7 @@ struct Files {
         byName["CtfInt32"] = Ctf(dir);
         byName["MffFloat"] = Mff(dir, "m.mff");
         byName["NexstimInt16"] = Nexstim(dir, "x.nxe");
+        byName["FourDInt16"] = FourDPdf(dir, "4d_pdf");
     }
     ~Files()
     {
@@ -430,9 +445,9 @@ void BM_FiffTagWalk50000(benchmark::State& state)
     }
 }
 
-const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",
-                                "BDF",            "FiffFloat",      "FiffInt16",        "GenericFloat",
-                                "BrainVisionInt16x4", "CFWBInt16", "CtfInt32", "MffFloat", "NexstimInt16"};
+const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",          "BDF",
+                                "FiffFloat",      "FiffInt16",      "GenericFloat",     "BrainVisionInt16x4",
+                                "CFWBInt16",      "CtfInt32",       "MffFloat",         "NexstimInt16", "FourDInt16"};
 
 int Register()
 {

@@ -11,6 +11,7 @@
 #include "filelib/readers/EGI_MFF.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "filelib/readers/ERPSS.h"
+#include "filelib/readers/FourD.h"
 #include "filelib/readers/Generic.h"
 #include "filelib/readers/Micromed.h"
 #include "filelib/readers/Neuromag_FIFF.h"
@@ -51,6 +52,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrNeuroscan, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},
         {kMfrBrainVision, "BrainVision", "BrainVision (.vhdr/.ahdr + .vmrk + data)", 6, 0, &Create<BrainVision>, nullptr},
         {kMfrEGI, "CEGI", "EGI / Magstim MFF (.mff folder)", 7, 0, &Create<CEGI>, nullptr},
+        {kMfr4D, "FourD", "4D Neuroimaging / BTi MEG (pdf + config)", 16, 0, &Create<FourD>, nullptr},
         {kMfrFIFF, "ecNeuromag_FIFF", "Neuromag / MEGIN FIFF raw and averaged (.fif)", 17, 0, &Create<ecNeuromag_FIFF>, nullptr},
         {kMfrMicromed, "MicroMed", "Micromed System 98 (.TRC)", 20, 0, &Create<MicroMed>, nullptr},
         {kMfrCTF, "CTF", "CTF MEG dataset (.ds folder: .res4 + .meg4)", 18, 0, &Create<CTF>, nullptr},
