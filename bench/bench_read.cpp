@@ -19,6 +19,7 @@
 #include "companion/ByteCursor.h"
 #include "filelib/filelib.h"
 #include "filelib/readers/Neuromag_FIFF.h"
+#include "fixtures/AntFiles.h"
 #include "fixtures/CtfFiles.h"
 #include "fixtures/DaqFiles.h"
 #include "fixtures/EdfFiles.h"
@@ -263,6 +264,26 @@ Recording Nexstim(const std::string& dir, const char* name)
     return {path, 0, bytes, 2, false, false};
 }
 
+// ANT: RF64 with RAW3 blocks of first differences in 4-bit residuals (a sawtooth, so that every
+// sixteenth value is an exception). Compressed: its rate counts the decoded int32 bytes.
+Recording Ant(const std::string& dir, const char* name)
+{
+    const long long slices = DataBytes() / (4LL * kChannels);
+    AntSpec spec;
+    spec.rf64 = true;
+    spec.blockSlices = 1000;
+    spec.values.assign(kChannels, std::vector<int32_t>(static_cast<size_t>(slices)));
+    spec.order.clear();
+    for (int c = 0; c < kChannels; ++c) {
+        spec.order.push_back(static_cast<int16_t>(c));
+        for (long long t = 0; t < slices; ++t)
+            spec.values[static_cast<size_t>(c)][static_cast<size_t>(t)] = static_cast<int32_t>((t + c) % 16 - 8);
+    }
+    const std::string path = dir + "/" + name;
+    AntFile(spec).write(path);
+    return {path, 0, slices * 4 * kChannels, 4, false, false};
+}
+
 // 4D: 16-bit big-endian slices, then the header; the configuration beside the pdf.
 Recording FourDPdf(const std::string& dir, const char* name)
 {
@@ -297,6 +318,7 @@ struct Files {
         byName["MffFloat"] = Mff(dir, "m.mff");
         byName["NexstimInt16"] = Nexstim(dir, "x.nxe");
         byName["FourDInt16"] = FourDPdf(dir, "4d_pdf");
+        byName["AntRaw3"] = Ant(dir, "a.cnt");
     }
     ~Files()
     {
@@ -459,6 +481,9 @@ int Register()
         benchmark::RegisterBenchmark((std::string("Open/") + format).c_str(), BM_Open, std::string(format))
             ->Unit(benchmark::kMillisecond);
     }
+    // Compressed: no plain loop reads its samples, so it has no ratio, only its decoding rate.
+    benchmark::RegisterBenchmark("ReadData/AntRaw3", BM_ReadData, std::string("AntRaw3"))
+        ->Unit(benchmark::kMillisecond)->MinTime(1.0)->UseRealTime();
     benchmark::RegisterBenchmark("FindAllTriggers/EDF", BM_FindAllTriggers)->Unit(benchmark::kMillisecond)->UseRealTime();
     benchmark::RegisterBenchmark("FiffTagWalk/50000", BM_FiffTagWalk50000)->Unit(benchmark::kMillisecond);
     return 0;
