@@ -17,9 +17,11 @@
 #include <vector>
 
 #include "companion/ByteCursor.h"
+#include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 #include "filelib/readers/Neuromag_FIFF.h"
 #include "fixtures/AntFiles.h"
+#include "fixtures/ClinicalFiles.h"
 #include "fixtures/CtfFiles.h"
 #include "fixtures/DaqFiles.h"
 #include "fixtures/EdfFiles.h"
@@ -284,6 +286,27 @@ Recording Ant(const std::string& dir, const char* name)
     return {path, 0, slices * 4 * kChannels, 4, false, false};
 }
 
+// Persyst: a layout of kChannels labels beside interleaved int16 samples in f.dat.
+Recording Persyst(const std::string& dir)
+{
+    std::vector<std::string> labels;
+    for (int c = 0; c < kChannels; ++c)
+        labels.push_back("E" + std::to_string(c + 1));
+    WriteTextFile(dir + "/p.lay", PersystLayout(labels, 0, 0, ""));
+    const long long bytes = DataBytes() / (2LL * kChannels) * (2LL * kChannels);
+    WriteFile(dir + "/f.dat", Bytes(), bytes);
+    return {dir + "/p.lay", 0, bytes, 2, false, false, dir + "/f.dat"};
+}
+
+// NicVue export: two int16 channels, the header's sample count matching the data.
+Recording NicVue(const std::string& dir)
+{
+    const long long slices = DataBytes() / 4;
+    WriteTextFile(dir + "/n.head", NicVueHeader(static_cast<int>(slices)));
+    WriteFile(dir + "/n.data", Bytes(), slices * 4);
+    return {dir + "/n.data", 0, slices * 4, 2, false, false};
+}
+
 // 4D: 16-bit big-endian slices, then the header; the configuration beside the pdf.
 Recording FourDPdf(const std::string& dir, const char* name)
 {
@@ -319,6 +342,8 @@ struct Files {
         byName["NexstimInt16"] = Nexstim(dir, "x.nxe");
         byName["FourDInt16"] = FourDPdf(dir, "4d_pdf");
         byName["AntRaw3"] = Ant(dir, "a.cnt");
+        byName["PersystInt16"] = Persyst(dir);
+        byName["NicVueInt16x2"] = NicVue(dir);
     }
     ~Files()
     {
@@ -337,6 +362,8 @@ void Open(CFilelib& f, const Recording& r)
 {
     std::string name = r.path;
     if (f.GuessFileMFR(name) == 0)
+        f.SetFileSource(UnprobedReaderByExtension(r.path));  // Persyst: never detected
+    if (f.GetFileSource() == 0)
         throw std::runtime_error("not recognised: " + r.path);
     f.Initialize(0);
 }
@@ -469,7 +496,8 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",          "BDF",
                                 "FiffFloat",      "FiffInt16",      "GenericFloat",     "BrainVisionInt16x4",
-                                "CFWBInt16",      "CtfInt32",       "MffFloat",         "NexstimInt16", "FourDInt16"};
+                                "CFWBInt16",      "CtfInt32",       "MffFloat",         "NexstimInt16", "FourDInt16",
+                                "PersystInt16",   "NicVueInt16x2",  "MicromedUInt16"};
 
 int Register()
 {
