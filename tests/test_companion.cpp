@@ -22,17 +22,12 @@ ecLabeledMatrix<float> ThreeRows()
 }
 }  // namespace
 
-TEST(Matrix, ContiguousRowsResizeAndLabels)
+TEST(Matrix, ContiguousRowsResizeDeleteAndSort)
 {
     ecLabeledMatrix<float> m = ThreeRows();
-    EXPECT_EQ(m.nrow(), 3);
-    EXPECT_EQ(m.ncol(), 2);
     EXPECT_EQ(m[1] + 2, m[2]);  // one row-major block
     m.resize(3, 2, 0, 0);       // same shape keeps the contents
     EXPECT_EQ(m[2][1], 20.0f);
-    m.SetColLabeledState(1, ecLabeledState("t1", "s"));
-    EXPECT_EQ(m.GetColLabeledState(1).GetLabel(), "t1");
-    EXPECT_EQ(m.GetColLabeledState(0).GetLabel(), "");
     EXPECT_EQ(m.GetRowLabeledState(7).GetLabel(), "");  // out of range: an empty label, no crash
     m.resize(2, 4, 0, 0);
     EXPECT_EQ(m[1][3], 0.0f);
@@ -40,28 +35,18 @@ TEST(Matrix, ContiguousRowsResizeAndLabels)
     m.resize(-1, 5, 0, 0);
     EXPECT_EQ(m.nrow(), 0);
 
-    ecMatrix<float> plain(2, 3, 0, 0, false);
-    plain[1][2] = 4;
-    plain.zero();
-    EXPECT_EQ(plain[1][2], 0.0f);
-}
-
-TEST(Matrix, DeleteAndSortReallyMoveRows)
-{
-    ecLabeledMatrix<float> m = ThreeRows();
-    EXPECT_FALSE(m.DeleteLabeledRow("Z"));
-    EXPECT_TRUE(m.DeleteLabeledRow("B"));
-    ASSERT_EQ(m.nrow(), 2);
-    EXPECT_EQ(m.GetRowLabeledState(1).GetLabel(), "C");
-    EXPECT_EQ(m[1][1], 20.0f);
+    ecLabeledMatrix<float> d = ThreeRows();
+    EXPECT_FALSE(d.DeleteLabeledRow("Z"));
+    EXPECT_TRUE(d.DeleteLabeledRow("B"));
+    ASSERT_EQ(d.nrow(), 2);
+    EXPECT_EQ(d.GetRowLabeledState(1).GetLabel() + std::to_string(d[1][1]), "C20.000000");
 
     ecLabeledMatrix<float> s = ThreeRows();
     EXPECT_EQ(s.SortOnRows({ecLabeledState("C", ""), ecLabeledState("Q", ""), ecLabeledState("A", "")}), 2);
-    EXPECT_EQ(s.GetRowLabeledState(0).GetLabel(), "C");
-    EXPECT_EQ(s.GetRowLabeledState(1).GetLabel(), "A");
-    EXPECT_EQ(s.GetRowLabeledState(2).GetLabel(), "B");
-    EXPECT_EQ(s[0][1], 20.0f);
-    EXPECT_EQ(s[2][1], 10.0f);
+    std::string order;
+    for (int r = 0; r < 3; ++r)
+        order += s.GetRowLabeledState(r).GetLabel() + std::to_string(static_cast<int>(s[r][1]));
+    EXPECT_EQ(order, "C20A0B10");
 }
 
 TEST(Matrix, VectorsCopyTheirInitialValuesAndArraysStartAtZero)
@@ -192,9 +177,6 @@ TEST(Xml, ReadsRealWorldShapes)
     ecXml fromFile;
     ASSERT_TRUE(fromFile.Read(dir.path("a.xml")));
     EXPECT_EQ(fromFile.GetInt("B"), 4);
-    fromFile.Free();
-    EXPECT_FALSE(fromFile.IsValid());
-    EXPECT_FALSE(fromFile.TagExists("B"));
 }
 
 TEST(Xml, RefusesMalformedText)
