@@ -6,6 +6,7 @@
 #include "companion/Utility.h"
 #include "companion/Xml.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/Errors.h"
 
 namespace {
 ecLabeledMatrix<float> ThreeRows()
@@ -236,17 +237,15 @@ TEST(Utility, StringsPathsAndByteOrder)
     std::fclose(fp);
 }
 
+// The readers' headers exercise the cursor's common fields; here the big-endian words no reader
+// reads yet, the sign, the text's NUL, the moving reads and the refusals.
 TEST(ByteCursor, DecodesBothOrdersAndRefusesFieldsOutsideTheBuffer)
 {
     Bytes b;
     b.u16le(0x1234).u32be(0xA1B2C3D4).f32le(1.5f).f64be(3.25).text("AB", 4, '\0');
     ByteCursor c(b.data().data(), b.size());
-    EXPECT_EQ(c.u16le(0), 0x1234);
-    EXPECT_EQ(c.i16le(0), 0x1234);
-    EXPECT_EQ(c.u16be(0), 0x3412);
     EXPECT_EQ(c.u32be(2), 0xA1B2C3D4u);
     EXPECT_EQ(c.i32be(2), static_cast<int32_t>(0xA1B2C3D4u));
-    EXPECT_EQ(c.f32le(6), 1.5f);
     EXPECT_EQ(c.f64be(10), 3.25);
     EXPECT_EQ(c.str(18, 4), "AB");
     EXPECT_EQ(c.next_u16le(), 0x1234);
@@ -258,9 +257,5 @@ TEST(ByteCursor, DecodesBothOrdersAndRefusesFieldsOutsideTheBuffer)
     EXPECT_THROW(c.seek(23), ecError);
     c.seek(20);
     EXPECT_THROW(c.next_u32le(), ecError);
-    try {
-        c.u16le(21);
-    } catch (const ecError& e) {
-        EXPECT_STREQ(e.what(), "[ByteCursor] Field of 2 bytes at offset 21 lies outside the 22-byte header.");
-    }
+    EXPECT_EQ(Message([&] { c.u16le(21); }), "[ByteCursor] Field of 2 bytes at offset 21 lies outside the 22-byte header.");
 }
