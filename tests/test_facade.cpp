@@ -106,11 +106,12 @@ TEST(CFilelib, AClaimedButDamagedFileRaisesTheReadersError)
     TempDir dir;
     GenericSpec spec;
     const std::string path = WriteGenericPair(dir, "short.dat", spec, kFour);
-    Bytes().i16le(1).write(path);  // the header declares 16 bytes of data; 2 remain
+    spec.slices = 2000000000;  // two shorts each: beyond 32 bits, refused before any allocation
+    WriteTextFile(path + ".orva_hdr", GenericHeader(spec));
     CFilelib f;
     std::string name = path;
     EXPECT_EQ(Message([&] { f.GuessFileMFR(name); }),
-              "[CGeneric::Initialize] The data file " + path + " holds 2 bytes; the header declares 16.");
+              "[CGeneric::Initialize] The data file " + path + " holds 16 bytes; the header declares 8000000000.");
     EXPECT_EQ(f.GetFileSource(), 0u);
     EXPECT_EQ(f.GetActiveFile(), nullptr);
 
