@@ -168,23 +168,19 @@ TEST(Neuroscan, ChannelsReferenceMarksAndRunTypeFromExtension)
     EXPECT_FLOAT_EQ(avg.GetSampleRate(), 500.0f);
     EXPECT_FLOAT_EQ(avg.GetPreStim(), -0.1f);
     std::string name, unit;
-    avg.GetChanName(3, name);
-    EXPECT_EQ(name, "LongLabel12");  // 10-byte field running into the next byte
+    avg.GetChanName(3, name);  // a 10-byte field running into the next byte
     avg.GetChanUnit(0, unit);
-    EXPECT_EQ(unit, "V");
-    const int types[] = {1024 | 4096, 1024 | 4096, 1024 | 2048, 1024};
-    for (int c = 0; c < 4; ++c)
-        EXPECT_EQ(avg.GetChanType(c), types[c]) << c;
+    EXPECT_EQ(name + " " + unit, "LongLabel12 V");
+    EXPECT_EQ(std::vector<int>({avg.GetChanType(0), avg.GetChanType(1), avg.GetChanType(2), avg.GetChanType(3)}),
+              std::vector<int>({1024 | 4096, 1024 | 4096, 1024 | 2048, 1024}));
     // The later "Avg" label wins the reference: average reference, channel 1.
-    EXPECT_EQ(avg.GetReferenceType(), 8u);
-    EXPECT_EQ(avg.GetReferenceChannel(), 1);
+    EXPECT_EQ(std::make_pair(avg.GetReferenceType(), avg.GetReferenceChannel()), std::make_pair(8u, 1));
 
     spec.labels = {"ref"};
     NeuroscanHeader(spec).zeros(17).write(dir.path("r.avg"));
     CNeuroscan ref(dir.path("r.avg").c_str());
     ref.Initialize(0);
-    EXPECT_EQ(ref.GetReferenceType(), 2u);
-    EXPECT_EQ(ref.GetReferenceChannel(), 0);
+    EXPECT_EQ(std::make_pair(ref.GetReferenceType(), ref.GetReferenceChannel()), std::make_pair(2u, 0));
 }
 
 // A range beyond the data has each kind's own answer: continuous blocks keep the requested width,
