@@ -4,17 +4,20 @@
 
 #include "companion/Xml.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/Errors.h"
 #include "fixtures/MemoryReader.h"
 
 namespace {
-std::string CalibrateMessage(ecFilebase& r)
+// Switches calibration on in `mode`: `amp` between the baseline and signal windows (seconds).
+void Window(ecCalibration& cal, int mode, float amp, float baseStart, float baseStop, float sigStart, float sigStop)
 {
-    try {
-        r.Calibrate();
-    } catch (const ecError& e) {
-        return e.what();
-    }
-    return "(nothing raised)";
+    cal.SetSkipCalib(false);
+    cal.SetCalMode(mode);
+    cal.SetCalAmp(amp);
+    cal.SetBaseStart(baseStart);
+    cal.SetBaseStop(baseStop);
+    cal.SetSigStart(sigStart);
+    cal.SetSigStop(sigStop);
 }
 
 // Two channels at 100 Hz; from slice 100 to 149 a pulse of 2 and 0.5 sits on baselines of
@@ -38,9 +41,6 @@ MemoryReader PulseReader()
 TEST(ecCalibration, DefaultsAndWriteXml)
 {
     ecCalibration cal;
-    EXPECT_TRUE(cal.GetSkipCalib());
-    EXPECT_FALSE(cal.GetDerived());
-    EXPECT_EQ(cal.GetCalFile(), "");
     std::ostringstream out;
     EXPECT_TRUE(cal.WriteXml(out));
     EXPECT_EQ(out.str(),
@@ -104,13 +104,7 @@ TEST(Calibrate, RecoversAKnownAmplitudeFromTheStartOfTheRecording)
     ecCalibration& cal = r.GetCalibration();
     r.Calibrate();  // skipped by default
     EXPECT_FALSE(cal.GetDerived());
-    cal.SetSkipCalib(false);
-    cal.SetCalMode(kCalMean);
-    cal.SetCalAmp(100e-6f);
-    cal.SetBaseStart(0.0f);
-    cal.SetBaseStop(0.9f);
-    cal.SetSigStart(1.1f);
-    cal.SetSigStop(1.4f);
+    Window(cal, kCalMean, 100e-6f, 0.0f, 0.9f, 1.1f, 1.4f);
     r.Calibrate();
     ASSERT_TRUE(cal.GetDerived());
     EXPECT_EQ(cal.GetLabels(), (std::vector<std::string>{"A", "B"}));
@@ -136,14 +130,8 @@ TEST(Calibrate, PeakModeRelativeToEventsAndCalFileRoundTrip)
     other.SetBegin(390);  // not a calibration event: its intervals would leave the data
     r.events.push_back(other);
     ecCalibration& cal = r.GetCalibration();
-    cal.SetSkipCalib(false);
-    cal.SetCalMode(kCalPeak);
-    cal.SetCalAmp(2.0f);
+    Window(cal, kCalPeak, 2.0f, -0.5f, -0.1f, 0.0f, 0.3f);
     cal.SetCalEvtCodes({"Cal"});
-    cal.SetBaseStart(-0.5f);
-    cal.SetBaseStop(-0.1f);
-    cal.SetSigStart(0.0f);
-    cal.SetSigStop(0.3f);
     cal.SetCalFile(dir.path("r.cal"));
     r.Calibrate();
     EXPECT_FLOAT_EQ(cal.GetFactors()[0], 1.0f);
@@ -163,64 +151,35 @@ TEST(Calibrate, PeakModeRelativeToEventsAndCalFileRoundTrip)
 TEST(Calibrate, EachErrorInItsPlace)
 {
     TempDir dir;
-    auto setup = [](MemoryReader& r, int mode) {
-        ecCalibration& cal = r.GetCalibration();
-        cal.SetSkipCalib(false);
-        cal.SetCalMode(mode);
-        cal.SetCalAmp(1.0f);
-        cal.SetBaseStart(0.0f);
-        cal.SetBaseStop(0.5f);
-        cal.SetSigStart(1.0f);
-        cal.SetSigStop(1.5f);
-    };
-    const std::string p = "[ecFilebase::Calibrate] ";
-
-    MemoryReader reversed = PulseReader();
-    setup(reversed, kCalPeak);
-    reversed.GetCalibration().SetSigStop(0.9f);
-    EXPECT_EQ(CalibrateMessage(reversed), p + "Invalid calibration start/stop times");
-    MemoryReader pastEnd = PulseReader();
-    setup(pastEnd, kCalMean);
-    pastEnd.GetCalibration().SetSigStop(5.0f);
-    EXPECT_EQ(CalibrateMessage(pastEnd), p + "Invalid calibration start/stop times");
-    MemoryReader noEvent = PulseReader();
-    setup(noEvent, kCalMean);
-    noEvent.GetCalibration().SetCalEvtCodes({"99"});
-    EXPECT_EQ(CalibrateMessage(noEvent), p + "Invalid calibration start/stop times");
-
-    MemoryReader flat = PulseReader();
-    setup(flat, kCalPeak);
-    flat.GetCalibration().SetSigStart(2.0f);  // 2.0 .. 2.5 s is baseline again
-    flat.GetCalibration().SetSigStop(2.5f);
-    EXPECT_EQ(CalibrateMessage(flat), p + "Peak calibration signal does not exceed baseline");
-    EXPECT_FALSE(flat.GetCalibration().GetDerived());
-
-    MemoryReader badMode = PulseReader();
-    setup(badMode, 7);
-    EXPECT_EQ(CalibrateMessage(badMode), p + "Unrecognized calibration mode");
-
-    MemoryReader noFile = PulseReader();
-    setup(noFile, kCalFromFile);
-    noFile.GetCalibration().SetCalFile(dir.path("missing.cal"));
-    EXPECT_EQ(CalibrateMessage(noFile), p + "Failed to open calibration file");
-    MemoryReader unwritable = PulseReader();
-    setup(unwritable, kCalMean);
-    unwritable.GetCalibration().SetCalFile(dir.path("no/such/dir/x.cal"));
-    EXPECT_EQ(CalibrateMessage(unwritable), p + "Failed to open calibration file");
-
     WriteTextFile(dir.path("bad.cal"), "A\tnot-a-number\t0\n");
-    MemoryReader badFile = PulseReader();
-    setup(badFile, kCalFromFile);
-    badFile.GetCalibration().SetCalFile(dir.path("bad.cal"));
-    EXPECT_EQ(CalibrateMessage(badFile), p + "Error reading calibration file");
+    const std::string times = "Invalid calibration start/stop times", file = "Failed to open calibration file";
+    const struct {
+        int mode;
+        std::function<void(ecCalibration&)> change;  // of the windows 0-0.5 s and 1-1.5 s
+        std::string message;
+        bool derived = false;  // only a file that cannot be written leaves the derived factors
+    } rows[] = {
+        {kCalPeak, [](ecCalibration& c) { c.SetSigStop(0.9f); }, times},
+        {kCalMean, [](ecCalibration& c) { c.SetSigStop(5.0f); }, times},
+        {kCalMean, [](ecCalibration& c) { c.SetCalEvtCodes({"99"}); }, times},
+        {kCalPeak, [](ecCalibration& c) { c.SetSigStart(2.0f), c.SetSigStop(2.5f); },  // baseline again
+         "Peak calibration signal does not exceed baseline"},
+        {7, [](ecCalibration&) {}, "Unrecognized calibration mode"},
+        {kCalFromFile, [&](ecCalibration& c) { c.SetCalFile(dir.path("missing.cal")); }, file},
+        {kCalMean, [&](ecCalibration& c) { c.SetCalFile(dir.path("no/such/dir/x.cal")); }, file, true},
+        {kCalFromFile, [&](ecCalibration& c) { c.SetCalFile(dir.path("bad.cal")); }, "Error reading calibration file"},
+    };
+    for (const auto& row : rows) {
+        MemoryReader r = PulseReader();
+        Window(r.GetCalibration(), row.mode, 1.0f, 0.0f, 0.5f, 1.0f, 1.5f);
+        row.change(r.GetCalibration());
+        EXPECT_EQ(Message([&] { r.Calibrate(); }), "[ecFilebase::Calibrate] " + row.message);
+        EXPECT_EQ(r.GetCalibration().GetDerived(), row.derived) << row.message;
+    }
 
     // A span too large to hold in memory (a very long recording measured over hours).
-    std::vector<std::vector<float>> wide(64, std::vector<float>(10));
-    MemoryReader huge(wide, 1e6f);
+    MemoryReader huge(std::vector<std::vector<float>>(64, std::vector<float>(10)), 1e6f);
     huge.SetNumSlices(2000000000);
-    setup(huge, kCalMean);
-    huge.GetCalibration().SetBaseStop(1000.0f);
-    huge.GetCalibration().SetSigStart(1000.0f);
-    huge.GetCalibration().SetSigStop(1999.0f);
-    EXPECT_EQ(CalibrateMessage(huge), p + "Failed to create calibration data pointer");
+    Window(huge.GetCalibration(), kCalMean, 1.0f, 0.0f, 1000.0f, 1000.0f, 1999.0f);
+    EXPECT_EQ(Message([&] { huge.Calibrate(); }), "[ecFilebase::Calibrate] Failed to create calibration data pointer");
 }

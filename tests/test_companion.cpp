@@ -6,6 +6,7 @@
 #include "companion/Utility.h"
 #include "companion/Xml.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/Errors.h"
 
 namespace {
 ecLabeledMatrix<float> ThreeRows()
@@ -22,17 +23,12 @@ ecLabeledMatrix<float> ThreeRows()
 }
 }  // namespace
 
-TEST(Matrix, ContiguousRowsResizeAndLabels)
+TEST(Matrix, ContiguousRowsResizeDeleteAndSort)
 {
     ecLabeledMatrix<float> m = ThreeRows();
-    EXPECT_EQ(m.nrow(), 3);
-    EXPECT_EQ(m.ncol(), 2);
     EXPECT_EQ(m[1] + 2, m[2]);  // one row-major block
     m.resize(3, 2, 0, 0);       // same shape keeps the contents
     EXPECT_EQ(m[2][1], 20.0f);
-    m.SetColLabeledState(1, ecLabeledState("t1", "s"));
-    EXPECT_EQ(m.GetColLabeledState(1).GetLabel(), "t1");
-    EXPECT_EQ(m.GetColLabeledState(0).GetLabel(), "");
     EXPECT_EQ(m.GetRowLabeledState(7).GetLabel(), "");  // out of range: an empty label, no crash
     m.resize(2, 4, 0, 0);
     EXPECT_EQ(m[1][3], 0.0f);
@@ -40,28 +36,18 @@ TEST(Matrix, ContiguousRowsResizeAndLabels)
     m.resize(-1, 5, 0, 0);
     EXPECT_EQ(m.nrow(), 0);
 
-    ecMatrix<float> plain(2, 3, 0, 0, false);
-    plain[1][2] = 4;
-    plain.zero();
-    EXPECT_EQ(plain[1][2], 0.0f);
-}
-
-TEST(Matrix, DeleteAndSortReallyMoveRows)
-{
-    ecLabeledMatrix<float> m = ThreeRows();
-    EXPECT_FALSE(m.DeleteLabeledRow("Z"));
-    EXPECT_TRUE(m.DeleteLabeledRow("B"));
-    ASSERT_EQ(m.nrow(), 2);
-    EXPECT_EQ(m.GetRowLabeledState(1).GetLabel(), "C");
-    EXPECT_EQ(m[1][1], 20.0f);
+    ecLabeledMatrix<float> d = ThreeRows();
+    EXPECT_FALSE(d.DeleteLabeledRow("Z"));
+    EXPECT_TRUE(d.DeleteLabeledRow("B"));
+    ASSERT_EQ(d.nrow(), 2);
+    EXPECT_EQ(d.GetRowLabeledState(1).GetLabel() + std::to_string(d[1][1]), "C20.000000");
 
     ecLabeledMatrix<float> s = ThreeRows();
     EXPECT_EQ(s.SortOnRows({ecLabeledState("C", ""), ecLabeledState("Q", ""), ecLabeledState("A", "")}), 2);
-    EXPECT_EQ(s.GetRowLabeledState(0).GetLabel(), "C");
-    EXPECT_EQ(s.GetRowLabeledState(1).GetLabel(), "A");
-    EXPECT_EQ(s.GetRowLabeledState(2).GetLabel(), "B");
-    EXPECT_EQ(s[0][1], 20.0f);
-    EXPECT_EQ(s[2][1], 10.0f);
+    std::string order;
+    for (int r = 0; r < 3; ++r)
+        order += s.GetRowLabeledState(r).GetLabel() + std::to_string(static_cast<int>(s[r][1]));
+    EXPECT_EQ(order, "C20A0B10");
 }
 
 TEST(Matrix, VectorsCopyTheirInitialValuesAndArraysStartAtZero)
@@ -192,9 +178,6 @@ TEST(Xml, ReadsRealWorldShapes)
     ecXml fromFile;
     ASSERT_TRUE(fromFile.Read(dir.path("a.xml")));
     EXPECT_EQ(fromFile.GetInt("B"), 4);
-    fromFile.Free();
-    EXPECT_FALSE(fromFile.IsValid());
-    EXPECT_FALSE(fromFile.TagExists("B"));
 }
 
 TEST(Xml, RefusesMalformedText)
@@ -254,17 +237,15 @@ TEST(Utility, StringsPathsAndByteOrder)
     std::fclose(fp);
 }
 
+// The readers' headers exercise the cursor's common fields; here the big-endian words no reader
+// reads yet, the sign, the text's NUL, the moving reads and the refusals.
 TEST(ByteCursor, DecodesBothOrdersAndRefusesFieldsOutsideTheBuffer)
 {
     Bytes b;
     b.u16le(0x1234).u32be(0xA1B2C3D4).f32le(1.5f).f64be(3.25).text("AB", 4, '\0');
     ByteCursor c(b.data().data(), b.size());
-    EXPECT_EQ(c.u16le(0), 0x1234);
-    EXPECT_EQ(c.i16le(0), 0x1234);
-    EXPECT_EQ(c.u16be(0), 0x3412);
     EXPECT_EQ(c.u32be(2), 0xA1B2C3D4u);
     EXPECT_EQ(c.i32be(2), static_cast<int32_t>(0xA1B2C3D4u));
-    EXPECT_EQ(c.f32le(6), 1.5f);
     EXPECT_EQ(c.f64be(10), 3.25);
     EXPECT_EQ(c.str(18, 4), "AB");
     EXPECT_EQ(c.next_u16le(), 0x1234);
@@ -276,9 +257,5 @@ TEST(ByteCursor, DecodesBothOrdersAndRefusesFieldsOutsideTheBuffer)
     EXPECT_THROW(c.seek(23), ecError);
     c.seek(20);
     EXPECT_THROW(c.next_u32le(), ecError);
-    try {
-        c.u16le(21);
-    } catch (const ecError& e) {
-        EXPECT_STREQ(e.what(), "[ByteCursor] Field of 2 bytes at offset 21 lies outside the 22-byte header.");
-    }
+    EXPECT_EQ(Message([&] { c.u16le(21); }), "[ByteCursor] Field of 2 bytes at offset 21 lies outside the 22-byte header.");
 }

@@ -52,35 +52,28 @@ TEST(ERPSS, CompressedAndPlainFilesReadIdenticallyThroughTheFacade)
     ErpssRecord r2{{kSlices[3], kSlices[4], kSlices[0]}, {{1, 0, 65534}}, {}};
     ErpssFile(true, 3, 3, {r1, r2}).write(dir.path("c.raw"));
     ErpssFile(false, 3, 3, {r1, r2}).write(dir.path("u.raw"));
-    ecLabeledMatrix<float> mc, mu;
     for (const char* file : {"c.raw", "u.raw"}) {
         SCOPED_TRACE(file);
         CFilelib f;
         std::string name = dir.path(file);
         ASSERT_EQ(f.GuessFileMFR(name), 28);
         f.Initialize(0);
-        EXPECT_EQ(f.GetNumChans(), 3);
-        EXPECT_EQ(f.GetNumSlices(), 6);
-        EXPECT_FLOAT_EQ(f.GetSampleRate(), 250.0f);
         std::string unit;
         f.GetChanUnit(0, unit);
-        EXPECT_EQ(unit, "");
-        ecLabeledMatrix<float>& m = std::string(file) == "c.raw" ? mc : mu;
+        EXPECT_EQ(std::to_string(f.GetNumChans()) + " x " + std::to_string(f.GetNumSlices()) + " [" + unit + "]", "3 x 6 []");
+        EXPECT_FLOAT_EQ(f.GetSampleRate(), 250.0f);
+        ecLabeledMatrix<float> m;
         ASSERT_EQ(f.ReadData(m, 1, 5), 5);
         for (int t = 0; t < 5; ++t)
             for (int c = 0; c < 3; ++c)
                 EXPECT_EQ(m[c][t], static_cast<float>((t < 2 ? r1.slices[t + 1] : r2.slices[t - 2])[c]));
         ecEventList events;
         ASSERT_EQ(f.InitialEventList(&events, nullptr), 3);
-        EXPECT_EQ(events.GetEvent(0).GetEventName(), "1-7");
-        EXPECT_EQ(events.GetEvent(1).GetEventName(), "PAUSE");
-        EXPECT_EQ(events.GetEvent(1).GetBegin(), 2);
-        EXPECT_EQ(events.GetEvent(2).GetEventName(), "DELETE");
-        EXPECT_EQ(events.GetEvent(2).GetBegin(), 4);
+        std::string listed;
+        for (int i = 0; i < 3; ++i)
+            listed += events.GetEvent(i).GetEventName() + "@" + std::to_string(events.GetEvent(i).GetBegin()) + " ";
+        EXPECT_EQ(listed, "1-7@0 PAUSE@2 DELETE@4 ");
     }
-    for (int c = 0; c < 3; ++c)
-        for (int t = 0; t < 5; ++t)
-            EXPECT_EQ(mc[c][t], mu[c][t]);
 }
 
 TEST(ERPSS, RecordCacheWrapAroundAndCorruptFiles)
@@ -96,7 +89,6 @@ TEST(ERPSS, RecordCacheWrapAroundAndCorruptFiles)
     ecLabeledMatrix<float> m;
     ASSERT_EQ(wrap.ReadData(m, 0, 130), 130);
     EXPECT_EQ(m[0][129], static_cast<float>(static_cast<int16_t>(2047 + 129 * 255)));
-    EXPECT_LT(m[0][129], 0.0f);  // wrapped
     const int reads = wrap.GetRecordReads();
     wrap.ReadData(m, 5, 3);
     wrap.ReadData(m, 100, 3);

@@ -1,24 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "filelib/filelib.h"
 #include "filelib/readers/Generic.h"
+#include "fixtures/Errors.h"
 #include "fixtures/GenericFiles.h"
 
 namespace {
-std::string StdMessage(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const ecError& e) {
-        return std::string("ecError: ") + e.what();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "(nothing raised)";
-}
-
 const std::vector<std::vector<double>> kFour = {{1, 2, 3, 4}, {-1, -2, -3, -4}};
 }  // namespace
 
@@ -26,44 +13,33 @@ TEST(CFilelib, WithoutReaderRaisesTheNineTextsAndAnswersNeutrally)
 {
     CFilelib f;
     std::string s;
-    const std::string tail = ": The time series file is not set properly (pActiveFile=0).";
-    EXPECT_EQ(StdMessage([&] { f.GetRunType(); }), "[CFilelib::GetRunType]" + tail);
-    EXPECT_EQ(StdMessage([&] { f.GetChanName(0, s); }), "[CFilelib::GetChanName]" + tail);
-    EXPECT_EQ(StdMessage([&] { f.GetChanType(0); }), "[CFilelib::GetChanName]" + tail);
-    EXPECT_EQ(StdMessage([&] { f.GetChanScale(0); }), "[CFilelib::GetChanScale]" + tail);
-    EXPECT_EQ(StdMessage([&] { f.GetChanUnit(0, s); }), "[CFilelib::GetChanUnit]" + tail);
-    EXPECT_EQ(StdMessage([&] { f.UseChanUnit(0); }), "[CFilelib::UseChanUnit]" + tail);
-    EXPECT_EQ(StdMessage([&] { f.UseChanUnitPrefix(0); }), "[CFilelib::UseChanUnitPrefix]" + tail);
-    EXPECT_EQ(StdMessage([&] { f.GetSampleRate(); }), "[CFilelib::GetSampleRate]" + tail);
-    EXPECT_EQ(StdMessage([&] { f.GetPreStim(); }), "[CFilelib::GetSampleRate]" + tail);
-    EXPECT_EQ(StdMessage([&] { f.GetDuration(); }), "[CFilelib::GetSampleRate]" + tail);
+    // Standard exceptions, not ecError: no reader was ever there to raise one.
+    const std::string head = "std::exception: [CFilelib::", tail = ": The time series file is not set properly (pActiveFile=0).";
+    EXPECT_EQ(Message([&] { f.GetRunType(); }), head + "GetRunType]" + tail);
+    EXPECT_EQ(Message([&] { f.GetChanName(0, s); }), head + "GetChanName]" + tail);
+    EXPECT_EQ(Message([&] { f.GetChanType(0); }), head + "GetChanName]" + tail);
+    EXPECT_EQ(Message([&] { f.GetChanScale(0); }), head + "GetChanScale]" + tail);
+    EXPECT_EQ(Message([&] { f.GetChanUnit(0, s); }), head + "GetChanUnit]" + tail);
+    EXPECT_EQ(Message([&] { f.UseChanUnit(0); }), head + "UseChanUnit]" + tail);
+    EXPECT_EQ(Message([&] { f.UseChanUnitPrefix(0); }), head + "UseChanUnitPrefix]" + tail);
+    EXPECT_EQ(Message([&] { f.GetSampleRate(); }), head + "GetSampleRate]" + tail);
+    EXPECT_EQ(Message([&] { f.GetPreStim(); }), head + "GetSampleRate]" + tail);
+    EXPECT_EQ(Message([&] { f.GetDuration(); }), head + "GetSampleRate]" + tail);
 
-    EXPECT_EQ(f.GetNumChans(), 0);
-    EXPECT_EQ(f.GetNumChans(0xFFFF), 0);
-    EXPECT_EQ(f.GetOnChannelCount(), 0);
-    EXPECT_EQ(f.GetEEGChannelCount(), 0);
-    EXPECT_EQ(f.GetMEGChannelCount(), 0);
-    EXPECT_EQ(f.GetDomain(), 1);
-    EXPECT_EQ(f.GetDataFormat(), -1);
-    EXPECT_EQ(f.GetDataType(), -1);
-    EXPECT_EQ(f.GetProbabilityType(), 0);
-    EXPECT_TRUE(f.GetDataMatrixOrientation());
-    EXPECT_EQ(f.GetFileSource(), 0u);
-    EXPECT_EQ(f.GetReferenceChannel(), -1);
-    EXPECT_EQ(f.GetReferenceType(), 0u);
-    EXPECT_FALSE(f.IsEpochReviewMode());
-    EXPECT_EQ(f.GetNumSlices() + f.GetEpochSlices() + f.GetNumEpochs() + f.GetValidEpochCnt(), 0);
-    EXPECT_EQ(f.GetSID(), "");
-    EXPECT_FALSE(f.WriteHeader());
-    EXPECT_FALSE(f.DoesVarianceExist());
-    EXPECT_EQ(f.GetCurrentFileName(0), "");
-    EXPECT_EQ(f.GetCurrentFilePPMOption(0), 1);
+    // Channel counts, domain, format, data type, probability type, orientation, source,
+    // reference channel and type, review mode, the four lengths, header, variance, PPM option.
+    EXPECT_EQ(std::vector<long>({f.GetNumChans(), f.GetNumChans(0xFFFF), f.GetOnChannelCount(), f.GetEEGChannelCount(),
+                                 f.GetMEGChannelCount(), f.GetDomain(), f.GetDataFormat(), f.GetDataType(),
+                                 f.GetProbabilityType(), f.GetDataMatrixOrientation(), f.GetFileSource(),
+                                 f.GetReferenceChannel(), f.GetReferenceType(), f.IsEpochReviewMode(), f.GetNumSlices(),
+                                 f.GetEpochSlices(), f.GetNumEpochs(), f.GetValidEpochCnt(), f.WriteHeader(),
+                                 f.DoesVarianceExist(), f.GetCurrentFilePPMOption(0)}),
+              std::vector<long>({0, 0, 0, 0, 0, 1, -1, -1, 0, 1, 0, -1, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+    EXPECT_EQ(f.GetSID() + f.GetCurrentFileName(0), "");
     ecLabeledMatrix<float> m;
-    EXPECT_EQ(f.ReadData(m, 0, 10), 0);
     ecEventList events;
-    EXPECT_EQ(f.InitialEventList(&events, nullptr), 0);
     std::vector<float> v{7};
-    EXPECT_FALSE(f.ReadOneRawSlice(v, 0));
+    EXPECT_EQ(f.ReadData(m, 0, 10) + f.InitialEventList(&events, nullptr) + f.ReadOneRawSlice(v, 0), 0);
     f.SetNumChans(3);  // quiet setters do nothing
     f.SetRunType(2);
     EXPECT_EQ(f.GetNumChans(), 0);
@@ -78,11 +54,11 @@ TEST(CFilelib, WithoutReaderRaisesTheNineTextsAndAnswersNeutrally)
 TEST(CFilelib, FactoryEdgeCases)
 {
     CFilelib f;
-    EXPECT_EQ(StdMessage([&] { f.Initialize(0); }), "[CFilelib::Initialize]: ORVA error - Input file name is null.");
+    EXPECT_EQ(Message([&] { f.Initialize(0); }), "std::exception: [CFilelib::Initialize]: ORVA error - Input file name is null.");
     f.SetInputFileName("whatever.bin");
     for (int code : {0, 1, 5, 46, -3}) {  // unlisted codes and readers not built in create nothing
         f.SetFileSource(code);
-        EXPECT_EQ(StdMessage([&] { f.Initialize(0); }), "(nothing raised)") << code;
+        EXPECT_EQ(Message([&] { f.Initialize(0); }), "(nothing raised)") << code;
         EXPECT_EQ(f.GetActiveFile(), nullptr);
     }
 }
@@ -107,13 +83,10 @@ TEST(CFilelib, DetectionFindsGenericFilesAndLeavesForeignOnesAlone)
     ASSERT_NE(f.GetActiveFile(), nullptr);
     f.Initialize(0);
     EXPECT_NE(f.GetActiveFile(), nullptr);
-    EXPECT_EQ(f.GetNumChans(), 2);
-    EXPECT_EQ(f.GetNumChans(0x8000), 1);
-    EXPECT_EQ(f.GetOnChannelCount(), 1);
-    EXPECT_EQ(f.GetOnChannelCount(0x400), 1);
-    EXPECT_EQ(f.GetOnChannelCount(0x8000), 0);
-    EXPECT_EQ(f.GetEEGChannelCount(), 1);
-    EXPECT_EQ(f.GetMEGChannelCount(), 0);
+    // All, of a type, switched on (any, EEG, trigger), EEG, MEG: the trigger channel is switched off.
+    EXPECT_EQ(std::vector<int>({f.GetNumChans(), f.GetNumChans(0x8000), f.GetOnChannelCount(), f.GetOnChannelCount(0x400),
+                                f.GetOnChannelCount(0x8000), f.GetEEGChannelCount(), f.GetMEGChannelCount()}),
+              std::vector<int>({2, 1, 1, 1, 0, 1, 0}));
     EXPECT_FLOAT_EQ(f.GetDuration(), 4.0f / 250.0f);
     EXPECT_EQ(f.GetSID(), "S1");
     EXPECT_EQ(f.GetDataFormat(), kFmtShort);
@@ -133,17 +106,18 @@ TEST(CFilelib, AClaimedButDamagedFileRaisesTheReadersError)
     TempDir dir;
     GenericSpec spec;
     const std::string path = WriteGenericPair(dir, "short.dat", spec, kFour);
-    Bytes().i16le(1).write(path);  // the header declares 16 bytes of data; 2 remain
+    spec.slices = 2000000000;  // two shorts each: beyond 32 bits, refused before any allocation
+    WriteTextFile(path + ".orva_hdr", GenericHeader(spec));
     CFilelib f;
     std::string name = path;
-    EXPECT_EQ(StdMessage([&] { f.GuessFileMFR(name); }),
-              "ecError: [CGeneric::Initialize] The data file " + path + " holds 2 bytes; the header declares 16.");
+    EXPECT_EQ(Message([&] { f.GuessFileMFR(name); }),
+              "[CGeneric::Initialize] The data file " + path + " holds 16 bytes; the header declares 8000000000.");
     EXPECT_EQ(f.GetFileSource(), 0u);
     EXPECT_EQ(f.GetActiveFile(), nullptr);
 
     std::remove(path.c_str());
-    EXPECT_EQ(StdMessage([&] { f.GuessFileMFR(name); }),
-              "ecError: [CGeneric::Initialize] Unable to open file:" + path);
+    EXPECT_EQ(Message([&] { f.GuessFileMFR(name); }),
+              "[CGeneric::Initialize] Unable to open file:" + path);
 }
 
 TEST(CFilelib, CopiesShareTheReaderSafely)

@@ -8,6 +8,7 @@
 #include "filelib/filelib.h"
 #include "filelib/readers/Neuromag_FIFF.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/SharedData.h"
 #include "fixtures/VendorFiles.h"
 
 namespace {
@@ -132,10 +133,9 @@ TEST(FIFF, DirectoryQueriesAndRecords)
     EXPECT_TRUE(r.NextAfter("FIRST_SAMPLE", "MEAS_DATE"));
     EXPECT_EQ(cursors, (std::vector<size_t>{5, 6, 0}));
     EXPECT_EQ(r.GetCursor(), 5u);
-    // ReadUnsignedLong raises on a short read; ReadFloat answers 0.
+    // Unlike ReadUnsignedLong (see TagWalk), ReadFloat answers a short read with 0.
     FIFF_TagRec pastEnd;
     pastEnd.dataPos = static_cast<long long>(f.size()) - 2;
-    EXPECT_EQ(Message([&] { r.ReadUnsignedLong(pastEnd); }), "[ecNeuromag_FIFF::ReadUnsignedLong] Inconsistent offsets");
     EXPECT_EQ(r.ReadFloat(pastEnd), 0.0f);
     r.WriteTagRecords(w.dir.path("dir.txt"));
     char line[200];
@@ -281,24 +281,26 @@ TEST(FIFF, ErrorMessages)
     }
 }
 
-// Real recordings written by other software (names, rate, length and values: test_real_files).
-TEST(FIFFRealFiles, KindsFirstSampleAndTriggers)
+// Real recordings written by other software (names, rate, length, values and event positions:
+// test_real_files).
+TEST(FIFFRealFiles, KindsFirstSampleEventCodesAndUnits)
 {
-    for (const auto& [file, meg, stim, firstSample, events] :
-         {std::tuple{"test_elekta_3ch_raw.fif", 3, 1, 3000, 162}, {"neuromag122_test_file-raw.fif", 122, 7, 21000, 0}}) {
+    SHARED_DATA_OR_SKIP(folder, "fiff");
+    for (const auto& [file, meg, stim, firstSample] :
+         {std::tuple{"test_elekta_3ch_raw.fif", 3, 1, 3000}, {"neuromag122_test_file-raw.fif", 122, 7, 21000}}) {
         SCOPED_TRACE(file);
         CFilelib f;
-        std::string name = std::string(FILELIB_SHARED_DATA) + "/fiff/" + file;
+        std::string name = folder + file;
         ASSERT_EQ(f.GuessFileMFR(name), 20);
         f.Initialize(0);
         EXPECT_EQ(std::make_pair(f.GetMEGChannelCount(), f.GetNumChans(0x8000)), std::make_pair(meg, stim));
         EXPECT_EQ(dynamic_cast<ecNeuromag_FIFF*>(f.GetActiveFile())->GetFirstSampleNumber(), firstSample);
-        ecEventList list;
-        ASSERT_EQ(f.InitialEventList(&list, nullptr), events);
-        if (events == 0)
+        if (meg != 3)
             continue;
-        for (const auto& [i, begin, code] : {std::tuple{0, 483L, 2}, {1, 979L, 2}, {2, 1451L, 32}, {5, 2913L, 128}})
-            EXPECT_EQ(std::make_pair(list.GetEvent(i).GetBegin(), list.GetEvent(i).GetEventCode()), std::make_pair(begin, code));
+        ecEventList list;
+        ASSERT_GT(f.InitialEventList(&list, nullptr), 5);
+        for (const auto& [i, code] : {std::pair{0, 2}, {2, 32}, {5, 128}})
+            EXPECT_EQ(list.GetEvent(i).GetEventCode(), code);
         std::string unit;
         f.GetChanUnit(1, unit);
         EXPECT_EQ(unit, "T/m");

@@ -48,7 +48,7 @@ CGeneric Configured(const std::string& path)
 }
 }  // namespace
 
-TEST(CGenericHeader, WriteHeaderLinesInOrder)
+TEST(CGenericHeader, WriteHeaderLinesInOrderAndReadThemBack)
 {
     TempDir dir;
     CGeneric g = Configured(dir.path("avg.dat"));
@@ -83,18 +83,14 @@ TEST(CGenericHeader, WriteHeaderLinesInOrder)
 
     CGeneric empty("");
     EXPECT_FALSE(empty.WriteHeader());
-}
 
-TEST(CGenericHeader, RunType3ComplexAndFrequencyDomain)
-{
-    TempDir dir;
-    CGeneric g = Configured(dir.path("f.dat"));
+    // Run type 3 and the complex format write no words; a frequency resolution is written as its inverse.
     g.SetRunType(3);
     g.SetDataFormat(kFmtComplex);
     g.SetDomain(4);
-    g.SetSampleRate(0.25f, 0);  // frequency resolution: written as its inverse
+    g.SetSampleRate(0.25f, 0);
     ASSERT_TRUE(g.WriteHeader());
-    const std::string text = ReadTextFile(dir.path("f.dat.orva_hdr"));
+    const std::string text = ReadTextFile(dir.path("avg.dat.orva_hdr"));
     EXPECT_EQ(text.find("<RunType>"), std::string::npos);
     EXPECT_EQ(text.find("<DataFormat>"), std::string::npos);
     EXPECT_NE(text.find("<DataDomain>FrequencyDomain</DataDomain>"), std::string::npos);
@@ -103,113 +99,54 @@ TEST(CGenericHeader, RunType3ComplexAndFrequencyDomain)
     // Read back (with a format word added): run type stays at its default, the rate is restored.
     std::string withFormat = text;
     withFormat.insert(withFormat.find("<MatrixOrientation>"), "<DataFormat>Complex</DataFormat>\n");
-    WriteTextFile(dir.path("f.dat.orva_hdr"), withFormat);
-    CGeneric back(dir.path("f.dat").c_str());
+    WriteTextFile(dir.path("avg.dat.orva_hdr"), withFormat);
+    CGeneric back(dir.path("avg.dat").c_str());
     ASSERT_TRUE(back.ReadHeader());
     EXPECT_EQ(back.GetRunType(), 0u);
     EXPECT_EQ(back.GetDataFormat(), kFmtComplex);
     EXPECT_EQ(back.GetDomain(), 4);
     EXPECT_FLOAT_EQ(back.GetSampleRate(), 0.25f);
-    std::string name;
-    back.GetChanName(0, name);
-    EXPECT_EQ(name, "Fz");
-    EXPECT_EQ(back.GetChanScale(1), 0.5f);
-    EXPECT_EQ(back.GetChanType(1), 0x8000);
-    EXPECT_EQ(back.GetSID(), "subject");
     // Complex samples cannot be delivered as floats.
     EXPECT_EQ(Message([&] { back.Initialize(0); }), "[CGeneric::Initialize] Unsupported data format: Complex");
 }
 
-TEST(CGenericHeader, MalformedHeadersAreRefusedWithoutCrashing)
-{
-    TempDir dir;
-    const std::string path = WriteGenericPair(dir, "m.dat", GenericSpec(), {{1, 2, 3, 4}, {5, 6, 7, 8}});
-    const std::string good = GenericHeader(GenericSpec());
-    auto refuses = [&](const std::string& header) {
-        WriteTextFile(path + ".orva_hdr", header);
-        CGeneric g(path.c_str());
-        return !g.ReadHeader();
-    };
-    EXPECT_TRUE(refuses(good.substr(0, good.size() / 2)));
-    EXPECT_TRUE(refuses("<Other_Header><NumChans>2</NumChans></Other_Header>"));
-    EXPECT_TRUE(refuses(""));
-    auto replaced = [&](const std::string& from, const std::string& to) {
-        std::string h = good;
-        h.replace(h.find(from), from.size(), to);
-        return h;
-    };
-    EXPECT_TRUE(refuses(replaced("<NumChans>2", "<NumChans>1000000000")));
-    EXPECT_TRUE(refuses(replaced("<NumChans>2", "<NumChans>0")));
-    EXPECT_TRUE(refuses(replaced("<NumChans>2", "<NumChans>two")));
-    EXPECT_TRUE(refuses(replaced("<NumSlices>4", "<NumSlices>-4")));
-    EXPECT_TRUE(refuses(replaced("<SampleRate>250", "<SampleRate>0")));
-    EXPECT_TRUE(refuses(replaced("Short", "Nibble")));
-    EXPECT_TRUE(refuses(replaced("<NumChans>2", "<NumChans>1")));  // more channels listed than declared
-    std::remove((path + ".orva_hdr").c_str());
-    CGeneric missing(path.c_str());
-    EXPECT_FALSE(missing.ReadHeader());
-
-    // Sizes that the data file cannot hold are refused at Initialize, before any allocation.
-    WriteTextFile(path + ".orva_hdr", replaced("<NumSlices>4", "<NumSlices>2000000000"));
-    CGeneric huge(path.c_str());
-    EXPECT_EQ(Message([&] { huge.Initialize(0); }),
-              "[CGeneric::Initialize] The data file " + path + " holds 16 bytes; the header declares 8000000000.");
-}
-
-// Every run type, data format with a byte width and orientation round-trips through the facade.
-TEST(CGenericData, RoundTripsEveryFormatOrientationAndRunType)
+// Each format name maps to its stored type (the engine's own tests decode every type); the
+// formats take turns with the orientations and run types, so each of those is met in each other.
+TEST(CGenericData, EveryFormatOrientationAndRunTypeReadsThroughTheFacade)
 {
     TempDir dir;
     const char* formats[] = {"Byte",      "Short",     "Long",       "Float",      "Double",
                              "Swab_Short", "Swab_Long", "Swab_Float", "Swab_Double", "ASCII"};
+    const char* runs[] = {"SingleEpoch", "MultiEpoch", "Continuous"};
     const std::vector<std::vector<double>> values = Values();
-    int file = 0;
-    for (const char* format : formats) {
-        for (bool sliceMode : {true, false}) {
-            for (const char* run : {"SingleEpoch", "MultiEpoch", "Continuous"}) {
-                GenericSpec spec;
-                spec.format = format;
-                spec.sliceMode = sliceMode;
-                spec.runType = run;
-                spec.chans = 3;
-                spec.slices = 6;
-                spec.epochs = std::string(run) == "MultiEpoch" ? 3 : 0;
-                spec.offset = 7;
-                spec.names = {"A", "B", "C"};
-                spec.types = {1024, 1024, 0x8000};
-                spec.scales = {1, 0.5f, 2};
-                const std::string path = WriteGenericPair(dir, "f" + std::to_string(file++) + ".bin", spec, values);
-                SCOPED_TRACE(std::string(format) + (sliceMode ? " slice " : " trace ") + run);
-
-                CFilelib f;
-                std::string name = path;
-                ASSERT_EQ(f.GuessFileMFR(name), 2);
-                f.Initialize(0);
-                EXPECT_EQ(f.GetRunType(), std::string(run) == "SingleEpoch" ? 1u : std::string(run) == "MultiEpoch" ? 2u : 4u);
-                EXPECT_EQ(f.GetNumChans(), 3);
-                EXPECT_EQ(f.GetNumSlices(), 6);
-                EXPECT_EQ(f.GetNumEpochs(), spec.epochs > 0 ? 3 : 1);
-                EXPECT_EQ(f.GetEpochSlices(), spec.epochs > 0 ? 2 : 6);
-                EXPECT_FLOAT_EQ(f.GetSampleRate(), 250.0f);
-                EXPECT_FLOAT_EQ(f.GetPreStim(), 0.1f);
-                std::string chanName, unit;
-                f.GetChanName(2, chanName);
-                f.GetChanUnit(2, unit);
-                EXPECT_EQ(chanName, "C");
-                EXPECT_EQ(unit, "V");
-                EXPECT_TRUE(f.UseChanUnit(2));
-
-                ecLabeledMatrix<float> m;
-                ASSERT_EQ(f.ReadData(m, 1, 4), 4);  // crosses epoch boundaries in the epoched runs
-                for (int c = 0; c < 3; ++c)
-                    for (int t = 0; t < 4; ++t)
-                        EXPECT_FLOAT_EQ(m[c][t], static_cast<float>(values[c][t + 1] * spec.scales[c]));
-                EXPECT_EQ(m.GetRowLabeledState(1).GetLabel(), "B");
-                EXPECT_EQ(m.GetRowLabeledState(1).GetDataUnit(), "V");
-                EXPECT_EQ(f.ReadData(m, 4, 100), 2);  // clipped at the end
-                EXPECT_EQ(f.ReadData(m, 6, 1), 0);
-            }
-        }
+    for (int i = 0; i < 10; ++i) {
+        GenericSpec spec = ThreeEpochs();
+        spec.format = formats[i];
+        spec.sliceMode = i % 2 == 0;
+        spec.runType = runs[i % 3];
+        spec.epochs = i % 3 == 1 ? 3 : 0;
+        spec.offset = 7;
+        spec.types = {1024, 1024, 0x8000};
+        spec.scales = {1, 0.5f, 2};
+        SCOPED_TRACE(spec.format + (spec.sliceMode ? " slice " : " trace ") + spec.runType);
+        CFilelib f;
+        std::string name = WriteGenericPair(dir, "f" + std::to_string(i) + ".bin", spec, values);
+        ASSERT_EQ(f.GuessFileMFR(name), 2);
+        f.Initialize(0);
+        EXPECT_EQ(std::vector<long>({f.GetRunType(), f.GetNumSlices(), f.GetNumEpochs(), f.GetEpochSlices()}),
+                  std::vector<long>({i % 3 == 0 ? 1 : i % 3 == 1 ? 2 : 4, 6, spec.epochs ? 3 : 1, spec.epochs ? 2 : 6}));
+        EXPECT_FLOAT_EQ(f.GetPreStim(), 0.1f);
+        std::string unit;
+        f.GetChanUnit(2, unit);
+        EXPECT_EQ(unit + std::to_string(f.UseChanUnit(2)), "V1");
+        ecLabeledMatrix<float> m;
+        ASSERT_EQ(f.ReadData(m, 1, 4), 4);  // crosses epoch boundaries in the epoched runs
+        for (int c = 0; c < 3; ++c)
+            for (int t = 0; t < 4; ++t)
+                EXPECT_FLOAT_EQ(m[c][t], static_cast<float>(values[c][t + 1] * spec.scales[c]));
+        EXPECT_EQ(m.GetRowLabeledState(1).GetLabel() + m.GetRowLabeledState(1).GetDataUnit(), "BV");
+        EXPECT_EQ(f.ReadData(m, 4, 100), 2);  // clipped at the end
+        EXPECT_EQ(f.ReadData(m, 6, 1), 0);
     }
 }
 
@@ -293,18 +230,13 @@ TEST(GenericExport, WritesAPairThatReadsBackThroughDetection)
     EXPECT_EQ(progress.steps, 1);
 
     CFilelib back;
-    std::string outName = out;
+    std::string outName = out, n1;
     ASSERT_EQ(back.GuessFileMFR(outName), 2);
     back.Initialize(0);
-    EXPECT_EQ(back.GetRunType(), 2u);
-    EXPECT_EQ(back.GetNumEpochs(), 3);
-    EXPECT_EQ(back.GetNumSlices(), 6);
-    EXPECT_EQ(back.GetDataFormat(), kFmtFloat);
-    std::string n1;
+    EXPECT_EQ(std::vector<long>({back.GetRunType(), back.GetNumEpochs(), back.GetDataFormat(), back.GetChanType(1)}),
+              std::vector<long>({2, 3, kFmtFloat, 0x200}));
     back.GetChanName(1, n1);
-    EXPECT_EQ(n1, "B&C");
-    EXPECT_EQ(back.GetChanType(1), 0x200);
-    EXPECT_EQ(back.GetMEGChannelCount(), 1);
+    EXPECT_EQ(n1, "B&C");  // escaped when written
     ecLabeledMatrix<float> a, b;
     ASSERT_EQ(src.ReadData(a, 0, 6), 6);
     ASSERT_EQ(back.ReadData(b, 0, 6), 6);

@@ -16,11 +16,11 @@ MemoryReader Triggers(std::vector<std::vector<float>> channels, size_t slices = 
     return r;
 }
 
-// "name@begin" of the events from `from` on; the begins alone when `named` is false.
-std::vector<std::string> Listed(const ecEventList& list, int from = 0, bool named = false)
+// "name@begin" of the events; the begins alone when `named` is false.
+std::vector<std::string> Listed(const ecEventList& list, bool named = false)
 {
     std::vector<std::string> out;
-    for (int i = from; i < list.GetEventCnt(true); ++i)
+    for (int i = 0; i < list.GetEventCnt(true); ++i)
         out.push_back((named ? list.GetEvent(i).GetEventName() + "@" : "") +
                       std::to_string(list.GetEvent(i).GetBegin()));
     return out;
@@ -68,7 +68,7 @@ TEST(FindAllTriggers, SeveralChannelsDeadTimeAcrossBlocksProgressAndCancel)
     // 5010 is the next crossing (analogue: re-armed at 5009). Within a block the channels are
     // scanned one after the other; the event's name is the trigger channel's number.
     EXPECT_EQ(r.FindAllTriggers(&analogue, 7, 1.0f, 10, false, &progress), 6);
-    EXPECT_EQ(Listed(analogue, 0, true),
+    EXPECT_EQ(Listed(analogue, true),
               (std::vector<std::string>{"1@10", "1@4998", "2@100", "1@5010", "1@5050", "2@10999"}));
     EXPECT_EQ(std::vector<long>({analogue.GetEvent(0).GetEventCode(), analogue.GetEvent(0).GetEnd()}),
               std::vector<long>({7, 10}));
@@ -106,7 +106,7 @@ TEST(FindAllTriggersDig, WordsRepeatedChangingMaskedAndMinimum)
         ecEventList list;
         EXPECT_EQ(r.FindAllTriggersDig(&list, 2, row.minWord, row.deadTime, row.onsetsOnly, row.mask, nullptr),
                   static_cast<int>(row.found.size()));
-        EXPECT_EQ(Listed(list, 0, true), row.found);
+        EXPECT_EQ(Listed(list, true), row.found);
         EXPECT_EQ(std::vector<int>(
                       {list.GetEvent(0).GetEventCode(), list.GetEvent(0).GetCodeMask(), list.GetEvent(0).GetKind()}),
                   std::vector<int>({std::stoi(row.found[0]), row.mask, 2}));
