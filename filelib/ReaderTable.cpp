@@ -20,6 +20,7 @@
 #include "filelib/readers/Nicolet_BNI.h"
 #include "filelib/readers/NihonKohden.h"
 #include "filelib/readers/Persyst.h"
+#include "filelib/readers/Plexon.h"
 #include "filelib/readers/WinDaq.h"
 
 namespace {
@@ -61,6 +62,7 @@ const std::vector<ecReaderEntry>& ReaderTable()
         {kMfrEGISimple, "EGI_Simple", "EGI simple binary (.raw)", 8, 0, &Create<EGI_Simple>, nullptr},
         {kMfrNihonKohden, "NihonKoden", "Nihon Kohden (.EEG + .21E, .PNT, .LOG)", 9, 0, &Create<NihonKoden>, nullptr},
         {kMfrDataq, "ecDataq", "DATAQ WinDaq (.wdq, .wdh)", 0, 0, &Create<ecDataq>, nullptr},
+        {kMfrPlexon, "ecPlexon", "Plexon (.plx)", 27, 0, &Create<ecPlexon>, nullptr},
         {kMfrCFWB, "ecADInst_CFWB", "ADInstruments Chart binary (CFWB)", 29, 0, &Create<ecADInst_CFWB>, nullptr},
         {kMfrNicoletBNI, "ecNicolet_BNI", "Nicolet BNI-1 (.bni + .eeg) and NicVue export (.head + .data)", 10, 0,
          &Create<ecNicolet_BNI>, nullptr},

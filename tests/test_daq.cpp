@@ -151,3 +151,63 @@ TEST(WinDaq, RealFilesUnitsValuesAndMarkers)
         listed += events.GetEvent(i).GetEventName() + "@" + std::to_string(events.GetEvent(i).GetBegin()) + " ";
     EXPECT_EQ(listed, "begin test@198 stop@779 go@1084 stop@1503 go@1806 ride in park@2571 ");
 }
+
+namespace {
+std::string Listed(CFilelib& f)
+{
+    ecEventList events;
+    f.InitialEventList(&events, nullptr);
+    std::string out;
+    for (int i = 0; i < events.GetEventCnt(); ++i)
+        out += events.GetEvent(i).GetEventName() + "/" + std::to_string(events.GetEvent(i).GetEventCode()) + "@" +
+               std::to_string(events.GetEvent(i).GetBegin()) + " ";
+    return out;
+}
+}  // namespace
+
+// The seeds: two slow channels whose blocks lie at different times (zeros where none is), raw
+// counts with the version's header gain as the scale; spikes and strobed words as events; a
+// spikes-only file opens with no channel.
+TEST(Plexon, VersionsBlockTablesEventsAndSpikesOnly)
+{
+    TempDir dir;
+    const DaqSeeds seeds = PlexonSeeds();
+    struct Case { float gain0, gain1; const char* events; } cases[] = {
+        {0.30517578125f, 2.44140625f, "sig001 unit 2/1@2 Strobed/513@6 "},
+        {0.001220703125f, 0.00244140625f, "Channel 1 unit 2/1@2 Event 257/513@6 "},
+    };
+    for (size_t k = 0; k < 2; ++k) {
+        SCOPED_TRACE(seeds[k].first);
+        Bytes().raw(seeds[k].second).write(dir.path("p.plx"));
+        Opened o(dir.path("p.plx"), 37);
+        ASSERT_EQ(o.read, 7);
+        EXPECT_FLOAT_EQ(o.f.GetSampleRate(), 1000.0f);
+        EXPECT_EQ(o.Name(0) + "/" + o.Unit(0) + " " + o.Name(1), "AD01/ AD04");
+        EXPECT_EQ(o.f.GetChanScale(0), cases[k].gain0);
+        EXPECT_EQ(o.f.GetChanScale(1), cases[k].gain1);
+        const float values[2][7] = {{1, -2, 3, 0, 0, 4, 5}, {0, 0, 0, -9, 0, 0, 0}};
+        for (int t = 0; t < 7; ++t)
+            EXPECT_EQ(o.m[0][t] * 100 + o.m[1][t], values[0][t] * 100 + values[1][t]) << t;
+        EXPECT_EQ(Listed(o.f), cases[k].events);
+    }
+    Bytes().raw(seeds[2].second).write(dir.path("s.plx"));
+    Opened o(dir.path("s.plx"), 37);
+    EXPECT_EQ(o.f.GetNumChans(), 0);
+    EXPECT_FLOAT_EQ(o.f.GetSampleRate(), 40000.0f);
+    EXPECT_EQ(Listed(o.f), "sig001 unit 0/1@40 sig001 unit 1/1@4294967296 ");
+}
+
+// The README's reading of the real file: V1 in raw counts (Neo's raw values), 2.44140625 per
+// count, and one event per spike (Wspk1u unit 0: 701).
+TEST(Plexon, RealFileRawCountsAndSpikes)
+{
+    SHARED_DATA_OR_SKIP(data, "plexon");
+    Opened o(data + "File_plexon_3.plx", 37);
+    EXPECT_EQ(std::vector<float>(o.m[0], o.m[0] + 4), (std::vector<float>{668, 625, 569, 482}));
+    EXPECT_EQ(o.f.GetChanScale(0), 2.44140625f);
+    const std::string listed = Listed(o.f);
+    size_t spikes = 0;
+    for (size_t at = listed.find("Wspk1u unit 0/"); at != std::string::npos; at = listed.find("Wspk1u unit 0/", at + 1))
+        ++spikes;
+    EXPECT_EQ(spikes, 701u);
+}

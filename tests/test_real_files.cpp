@@ -88,7 +88,7 @@ std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
     for (const char* family : {"ant", "bdf", "brainvision", "bti/4Dsim", "bti/linux", "ctf", "edf", "egi", "eximia",
-                               "fiff", "mff", "micromed", "neuroscan", "nicolet", "nihonkohden", "persyst", "windaq"}) {
+                               "fiff", "mff", "micromed", "neuroscan", "nicolet", "nihonkohden", "persyst", "plexon", "windaq"}) {
         DIR* d = opendir((kData + family).c_str());
         if (!d)
             continue;
