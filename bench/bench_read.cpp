@@ -307,6 +307,20 @@ Recording NicVue(const std::string& dir)
     return {dir + "/n.data", 0, slices * 4, 2, false, false};
 }
 
+// WinDaq: 16 channels of packed readings (flag bits cleared by the reader), the channel names after
+// the data; found by its extension.
+Recording WinDaq(const std::string& dir)
+{
+    const int channels = 16;
+    const Bytes file = WinDaqFile(false, std::vector<WinDaqChannel>(channels, WinDaqChannel{"E", "V", 0.001, 0}), {}, 0.001, {}, "");
+    const long long bytes = DataBytes() / (2LL * channels) * (2LL * channels);
+    Bytes head = Bytes().raw(std::string(file.data().begin(), file.data().begin() + 1156));
+    head.put_u32le(8, static_cast<uint32_t>(bytes));
+    const std::string path = dir + "/w.wdq";
+    WriteFile(path, head, bytes, Bytes().raw(std::string(file.data().begin() + 1156, file.data().end())));
+    return {path, 1156, bytes, 2, false, false};
+}
+
 // 4D: 16-bit big-endian slices, then the header; the configuration beside the pdf.
 Recording FourDPdf(const std::string& dir, const char* name)
 {
@@ -344,6 +358,7 @@ struct Files {
         byName["AntRaw3"] = Ant(dir, "a.cnt");
         byName["PersystInt16"] = Persyst(dir);
         byName["NicVueInt16x2"] = NicVue(dir);
+        byName["WinDaqInt16x16"] = WinDaq(dir);
     }
     ~Files()
     {
@@ -497,7 +512,7 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",          "BDF",
                                 "FiffFloat",      "FiffInt16",      "GenericFloat",     "BrainVisionInt16x4",
                                 "CFWBInt16",      "CtfInt32",       "MffFloat",         "NexstimInt16", "FourDInt16",
-                                "PersystInt16",   "NicVueInt16x2",  "MicromedUInt16"};
+                                "PersystInt16",   "NicVueInt16x2",  "WinDaqInt16x16"};
 
 int Register()
 {
