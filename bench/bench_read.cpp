@@ -321,6 +321,26 @@ Recording WinDaq(const std::string& dir)
     return {path, 1156, bytes, 2, false, false};
 }
 
+// Plexon: four slow channels at 1 kHz in blocks of 4096 samples, interleaved in time as the
+// acquisition writes them (the block headers count in the bytes read).
+Recording Plexon(const std::string& dir)
+{
+    const int channels = 4, words = 4096;
+    const long long rounds = std::max(1LL, DataBytes() / (2LL * channels * words));
+    std::vector<PlxSlow> slow;
+    for (int c = 0; c < channels; ++c)
+        slow.push_back({"AD" + std::to_string(c + 1), c, 1000});
+    std::vector<PlxBlock> blocks;
+    for (long long r = 0; r < rounds; ++r)
+        for (int c = 0; c < channels; ++c)
+            blocks.push_back({5, r * words * 40, c, 0, std::vector<int16_t>(words, static_cast<int16_t>(r - c))});
+    const Bytes file = PlexonFile(106, {}, {}, slow, blocks);
+    const long long dataBytes = rounds * channels * (16 + 2LL * words);
+    const std::string path = dir + "/p.plx";
+    file.write(path);
+    return {path, static_cast<long long>(file.size()) - dataBytes, dataBytes, 2, false, false};
+}
+
 // 4D: 16-bit big-endian slices, then the header; the configuration beside the pdf.
 Recording FourDPdf(const std::string& dir, const char* name)
 {
@@ -359,6 +379,7 @@ struct Files {
         byName["PersystInt16"] = Persyst(dir);
         byName["NicVueInt16x2"] = NicVue(dir);
         byName["WinDaqInt16x16"] = WinDaq(dir);
+        byName["PlexonInt16x4"] = Plexon(dir);
     }
     ~Files()
     {
@@ -512,7 +533,7 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",          "BDF",
                                 "FiffFloat",      "FiffInt16",      "GenericFloat",     "BrainVisionInt16x4",
                                 "CFWBInt16",      "CtfInt32",       "MffFloat",         "NexstimInt16", "FourDInt16",
-                                "PersystInt16",   "NicVueInt16x2",  "WinDaqInt16x16"};
+                                "PersystInt16",   "NicVueInt16x2",  "WinDaqInt16x16",   "PlexonInt16x4"};
 
 int Register()
 {
