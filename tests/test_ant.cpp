@@ -4,6 +4,7 @@
 
 #include "filelib/filelib.h"
 #include "fixtures/AntFiles.h"
+#include "fixtures/Describe.h"
 #include "fixtures/Errors.h"
 #include "fixtures/SharedData.h"
 
@@ -34,14 +35,8 @@ TEST(ANT, EveryMethodAndWidthDecodesTheSameSamples)
                 for (int c = 0; c < 3; ++c)
                     for (int t = 0; t < 5; ++t)
                         ASSERT_FLOAT_EQ(m[c][t], static_cast<float>(s.values[c][5 + t] * gains[c])) << c << "," << t;
-                std::string unit;
-                f.GetChanUnit(2, unit);
-                EXPECT_EQ(unit, "bar");
-                ecEventList events;
-                ASSERT_EQ(f.InitialEventList(&events, nullptr), 2);
-                EXPECT_EQ(events.GetEvent(0).GetEventName(), "Start 2024-09-06 12:00:00.250");
-                EXPECT_EQ(events.GetEvent(1).GetEventCode(), 17);
-                EXPECT_EQ(events.GetEvent(1).GetBegin(), 3);
+                EXPECT_EQ(ChannelsOf(f), "A/V/1024 B/V/1024 C/bar/0");
+                EXPECT_EQ(EventsOf(f), "Start 2024-09-06 12:00:00.250@0 17@3#17/2");
             }
 }
 
