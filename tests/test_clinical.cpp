@@ -69,9 +69,11 @@ TEST(Clinical, FailuresNameTheirCause)
     const struct {
         std::string file, text, says;
     } cases[] = {
-        {"f.lay", Replaced(lay, "DataType=7", "DataType=3"), "[PerSyst::Initialize] Unsupported DataType 3 (0: 16-bit, 7: 32-bit integers)."},
+        {"f.lay", Replaced(lay, "DataType=7", "DataType=3"),
+         "[PerSyst::Initialize] Unsupported DataType 3 (0: 16-bit, 7: 32-bit integers)."},
         {"f.lay", Replaced(lay, "f.dat", "g.dat"), "[PerSyst::Initialize] Cannot open the data file " + dir.path("g.dat")},
-        {"f.head", Replaced(NicVueHeader(2), "sample_bytes=2", "sample_bytes=4"), "[ecNicolet_BNI::Initialize] sample_bytes is '4': only 2-byte samples can be read."},
+        {"f.head", Replaced(NicVueHeader(2), "sample_bytes=2", "sample_bytes=4"),
+         "[ecNicolet_BNI::Initialize] sample_bytes is '4': only 2-byte samples can be read."},
         {"f.bni", BniHeader(""), "[ecNicolet_BNI::Initialize] Cannot open the data file " + dir.path("f.eeg")},
     };
     for (const auto& c : cases) {
