@@ -4,6 +4,7 @@
 
 #include "filelib/filelib.h"
 #include "fixtures/CtfFiles.h"
+#include "fixtures/Describe.h"
 #include "fixtures/SharedData.h"
 
 namespace {
@@ -17,22 +18,23 @@ std::string WriteSeed(const TempDir& dir)
     return dir.path("f.ds");
 }
 int32_t Ramp(int trial, int, int sample) { return trial * 2 + sample; }  // a clock running on over trials
+void Open(CFilelib& f, std::string name)
+{
+    ASSERT_EQ(f.GuessFileMFR(name), kMfrCTF);
+    f.Initialize(0);
+}
 }  // namespace
 
 TEST(CTF, TrialsOverTwoDataFilesWithMarkersBadChannelAndBadSegment)
 {
     TempDir dir;
     CFilelib f;
-    std::string name = WriteSeed(dir);
-    ASSERT_EQ(f.GuessFileMFR(name), kMfrCTF);
-    f.Initialize(0);
+    Open(f, WriteSeed(dir));
     EXPECT_EQ(f.GetRunType(), 2u);
     EXPECT_EQ(f.GetNumEpochs(), 3);
     EXPECT_EQ(f.GetEpochSlices(), 4);
     EXPECT_FLOAT_EQ(f.GetPreStim(), 0.005f);
-    const int types[] = {kChanMEG | kChanOff, kChanTrigger, 0};
-    for (int c = 0; c < 3; ++c)
-        EXPECT_EQ(f.GetChanType(c), types[c]);
+    EXPECT_EQ(ChannelsOf(f), "MLC11-4304/T/2560 UPPT001//32768 SCLK01-177//0");  // the MEG channel is bad
     ecLabeledMatrix<float> m;
     ASSERT_EQ(f.ReadData(m, 6, 6), 6);  // across the two data files
     const float meg[] = {995, 996, 1993, 1994, 1995, 1996}, clock[] = {6, 7, 108, 109, 110, 111};
@@ -40,18 +42,7 @@ TEST(CTF, TrialsOverTwoDataFilesWithMarkersBadChannelAndBadSegment)
         EXPECT_FLOAT_EQ(m[0][t], meg[t] * 0.5e-12f);
         EXPECT_EQ(m[2][t], clock[t] * 0.25f);
     }
-    ecEventList events;
-    ASSERT_EQ(f.InitialEventList(&events, nullptr), 5);
-    const struct { long begin, end; const char* name; int code, kind; } expected[] = {
-        {1, 1, "stim", 1, 2}, {2, 3, "bad", 0, 1}, {6, 6, "5", 5, 2}, {8, 8, "New Segment", 0, 0}, {8, 8, "stim", 1, 2}};
-    for (int i = 0; i < 5; ++i) {
-        const ecEvent& e = events.GetEvent(i);
-        EXPECT_EQ(e.GetBegin(), expected[i].begin);
-        EXPECT_EQ(e.GetEnd(), expected[i].end);
-        EXPECT_EQ(e.GetEventName(), expected[i].name);
-        EXPECT_EQ(e.GetEventCode(), expected[i].code);
-        EXPECT_EQ(e.GetKind(), expected[i].kind);
-    }
+    EXPECT_EQ(EventsOf(f), "stim@1#1/2 bad@2..3/1 5@6#5/2 New Segment@8 stim@8#1/2");
 }
 
 TEST(CTF, TrialsThatFollowOnTheClockAreOneContinuousEpoch)
@@ -60,30 +51,19 @@ TEST(CTF, TrialsThatFollowOnTheClockAreOneContinuousEpoch)
     CtfRes4({{"SCLK01-177", 17, 1}}, 2, 100, 0).write(dir.path("c.ds/c.res4"));
     CtfMeg4(0, 3, 1, 2, Ramp).write(dir.path("c.ds/c.meg4"));
     CFilelib f;
-    std::string name = dir.path("c.ds/c.res4");
-    ASSERT_EQ(f.GuessFileMFR(name), kMfrCTF);
-    f.Initialize(0);
+    Open(f, dir.path("c.ds/c.res4"));
     EXPECT_EQ(f.GetRunType(), 4u);
     EXPECT_EQ(f.GetNumSlices(), 6);
-    ecEventList events;
-    EXPECT_EQ(f.InitialEventList(&events, nullptr), 0);
+    EXPECT_EQ(EventsOf(f), "");
 }
 
 TEST(CTF, RealDatasetKeepsItsTwoDiscontinuousTrials)
 {
     SHARED_DATA_OR_SKIP(data, "ctf/testdata_ctf_short_discontinuous.ds");
     CFilelib f;
-    std::string name = data;
-    ASSERT_EQ(f.GuessFileMFR(name), kMfrCTF);
-    f.Initialize(0);
+    Open(f, data);
     EXPECT_EQ(f.GetNumEpochs(), 2);
     EXPECT_EQ(f.GetEpochSlices(), 1201);
-    const struct { int chan, type; const char* unit; } rows[] = {
-        {1, kChanTrigger, ""}, {3, 0, ""}, {4, kChanMEG | kChanReference, "T"}, {40, kChanMEG, "T"}, {305, kChanEEG, "V"}};
-    for (const auto& r : rows) {
-        std::string unit;
-        f.GetChanUnit(r.chan, unit);
-        EXPECT_EQ(f.GetChanType(r.chan), r.type) << r.chan;
-        EXPECT_EQ(unit, r.unit) << r.chan;
-    }
+    EXPECT_EQ(ChannelsOf(f, {1, 3, 4, 40, 305}),
+              "UPPT001//32768 SCLK01-177//0 BG1-4304/T/4608 MLC22-4304/T/512 EEG057/V/1024");
 }

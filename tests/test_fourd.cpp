@@ -5,6 +5,7 @@
 
 #include "filelib/filelib.h"
 #include "filelib/readers/FourD.h"
+#include "fixtures/Describe.h"
 #include "fixtures/Errors.h"
 #include "fixtures/FourDFiles.h"
 #include "fixtures/SharedData.h"
@@ -15,11 +16,11 @@ TEST(FourD, EachDataFormatAndEpochLayout)
     const std::vector<double> stored = {3, 0, -4, 100, 1, -1, 32769, 8, -200, 0, 0, 32769, 0, 0, 0, 0, 7, 0, 0, 0};
     // A1, A2, TRIGGER, E1, X1 at slices 0 and 1: integers x scale x units per bit, floats x scale.
     const std::vector<float> integers = {-1, 2, 3, -1, 0, 32769, 1e-4f, -2e-4f, 2, 0}, floats = {-4, 8, 6, -2, 0, 32769, 100, -200, 1, 0};
-    const struct { int format; std::vector<int> epochs; const char *pdf, *config, *events; unsigned runType; } rows[] = {
-        {1, {4}, "rec_pdf", "rec_config", "32769@1 7@3 ", kRunContinuous},
-        {2, {2, 2}, "c,rfDC", "config", "32769@1 7@3 ", kRunMultiEpoch},
-        {3, {3, 1}, "rec_pdf", "rec_config", "New Segment@3 32769@1 7@3 ", kRunContinuous},
-        {4, {4}, "c,rfDC", "config", "32769@1 7@3 ", kRunContinuous}};
+    const struct { int format; std::vector<int> epochs; const char *pdf, *config, *boundary; unsigned runType; } rows[] = {
+        {1, {4}, "rec_pdf", "rec_config", "", kRunContinuous},
+        {2, {2, 2}, "c,rfDC", "config", "", kRunMultiEpoch},
+        {3, {3, 1}, "rec_pdf", "rec_config", "New Segment@3 ", kRunContinuous},
+        {4, {4}, "c,rfDC", "config", "", kRunContinuous}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.format);
         TempDir dir;
@@ -31,24 +32,13 @@ TEST(FourD, EachDataFormatAndEpochLayout)
         r.Initialize(0);
         EXPECT_EQ(r.GetConfigFileName() + " " + std::to_string(r.GetRunType()), config + " " + std::to_string(row.runType));
         EXPECT_FLOAT_EQ(r.GetSampleRate(), 250.0f);
+        EXPECT_EQ(ChannelsOf(r), "A1/T/512 A2/T/512 TRIGGER//32768 E1/V/1024 X1/V/0");
         ecLabeledMatrix<float> m;
         ASSERT_EQ(r.ReadData(m, 0, 2), 2);
-        std::string described;
-        for (int c = 0; c < 5; ++c) {
-            std::string name, unit;
-            r.GetChanName(c, name);
-            r.GetChanUnit(c, unit);
-            described += name + "/" + unit + "/" + std::to_string(r.GetChanType(c)) + " ";
+        for (int c = 0; c < 5; ++c)
             for (int t = 0; t < 2; ++t)
-                EXPECT_FLOAT_EQ(m[c][t], (row.format <= 2 ? integers : floats)[static_cast<size_t>(2 * c + t)]) << name << t;
-        }
-        EXPECT_EQ(described, "A1/T/512 A2/T/512 TRIGGER//32768 E1/V/1024 X1/V/0 ");
-        ecEventList events;
-        r.InitialEventList(&events, nullptr);
-        std::string found;
-        for (int i = 0; i < events.GetEventCnt(true); ++i)
-            found += events.GetEvent(i).GetEventName() + "@" + std::to_string(events.GetEvent(i).GetBegin()) + " ";
-        EXPECT_EQ(found, row.events);
+                EXPECT_FLOAT_EQ(m[c][t], (row.format <= 2 ? integers : floats)[static_cast<size_t>(2 * c + t)]) << c << t;
+        EXPECT_EQ(EventsOf(r), row.boundary + std::string("32769@1#32769/2 7@3#7/2"));
         EXPECT_EQ(CFilelib().GuessFileMFR(config), 0);  // a configuration is no pdf
     }
 }
@@ -56,7 +46,10 @@ TEST(FourD, EachDataFormatAndEpochLayout)
 TEST(FourD, RealRecordingsChannelKindsAndTriggerCodes)
 {
     SHARED_DATA_OR_SKIP(data, "bti");
-    for (const auto& [file, codes] : {std::pair{"linux/test_pdf_linux", "768 256 768 256 "}, std::pair{"4Dsim/c,rfDC", "4 4 4 4 "}}) {
+    const std::pair<const char*, const char*> files[] = {
+        {"linux/test_pdf_linux", "768@5#768/2 256@20#256/2 768@26#768/2 256@40#256/2"},
+        {"4Dsim/c,rfDC", "4@102#4/2 4@204#4/2 4@306#4/2 4@408#4/2"}};
+    for (const auto& [file, events] : files) {
         FourD r((data + file).c_str());
         r.Initialize(0);
         std::vector<int> kinds = {kChanMEG, kChanReference, kChanTrigger}, counts(3, 0);
@@ -64,11 +57,6 @@ TEST(FourD, RealRecordingsChannelKindsAndTriggerCodes)
             for (size_t k = 0; k < 3; ++k)
                 counts[k] += r.GetChanType(c) == kinds[k];
         EXPECT_EQ(counts, (std::vector<int>{248, 23, 2})) << file;
-        ecEventList events;
-        r.InitialEventList(&events, nullptr);
-        std::string found;
-        for (int i = 0; i < 4; ++i)
-            found += std::to_string(events.GetEvent(i).GetEventCode()) + " ";
-        EXPECT_EQ(found, codes);
+        EXPECT_EQ(EventsOf(r, 0, 4), events);
     }
 }

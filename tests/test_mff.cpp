@@ -2,23 +2,21 @@
 // the paused real recording for its events on the stored timeline.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "filelib/filelib.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/Describe.h"
+#include "fixtures/Errors.h"
 #include "fixtures/MffFiles.h"
 #include "fixtures/SharedData.h"
 
 namespace {
-struct Opened {
-    CFilelib f;
-    ecEventList events;
-    explicit Opened(std::string name)
-    {
-        EXPECT_EQ(f.GuessFileMFR(name), 6);
-        f.Initialize(0);
-        f.InitialEventList(&events, nullptr);
-    }
-    std::string Event(int k) { return events.GetEvent(k).GetEventName() + "@" + std::to_string(events.GetEvent(k).GetBegin()); }
-};
+void Open(CFilelib& f, std::string name)
+{
+    EXPECT_EQ(f.GuessFileMFR(name), kMfrEGI);
+    f.Initialize(0);
+}
 }  // namespace
 
 // Two epochs (3 + 2 stored samples, a pause between), the PNS a sample short, the second block
@@ -36,35 +34,25 @@ TEST(Mff, PausedRecordingWithPnsOnTheStoredTimeline)
     spec.epochBegins = {0, 5000000};
     spec.events = {{4000, "SESS", "go"}, {1000000, "bgin", ""}, {5000000, "SESS", ""}, {9000000, "late", ""}};
     WriteMff(dir.path("r"), spec);
-    Opened o(dir.path("r.mff/"));
-    ASSERT_EQ(o.f.GetNumChans(), 5);
-    EXPECT_EQ(o.f.GetNumSlices(), 4);  // ends with the PNS
-    EXPECT_EQ(o.f.GetRunType(), 4u);
-    const char* names[] = {"E1", "E2", "VREF", "P1", "P2"};
-    const char* units[] = {"V", "V", "V", "V", "bpm"};
-    for (int c = 0; c < 5; ++c) {
-        std::string name, unit;
-        o.f.GetChanName(c, name);
-        o.f.GetChanUnit(c, unit);
-        EXPECT_EQ(name + " " + unit, std::string(names[c]) + " " + units[c]);
-    }
-    EXPECT_EQ(o.f.GetReferenceChannel(), 2);
+    CFilelib f;
+    Open(f, dir.path("r.mff/"));
+    EXPECT_EQ(f.GetNumSlices(), 4);  // ends with the PNS
+    EXPECT_EQ(f.GetRunType(), 4u);
+    EXPECT_EQ(f.GetReferenceChannel(), 2);
     ecLabeledMatrix<float> m;
-    ASSERT_EQ(o.f.ReadData(m, 0, 4), 4);
+    ASSERT_EQ(f.ReadData(m, 0, 4), 4);
+    EXPECT_EQ(ChannelsOf(f), "E1/V/1024 E2/V/1024 VREF/V/5120 P1/V/0 P2/bpm/0");
     const float scale[] = {2e-6f, 1e-6f, 1e-6f, 1e-6f, 1};
     for (int c = 0; c < 5; ++c)
         for (int t = 0; t < 4; ++t)
             EXPECT_FLOAT_EQ(m[c][t], (c * 100 + t) * scale[c]) << c << "," << t;
-    ASSERT_EQ(o.events.GetEventCnt(true), 5);  // the event after the last sample is left out
-    const char* expected[] = {"New Segment@0", "New Segment@3", "SESS:go@1", "bgin@3", "SESS@3"};
-    for (int k = 0; k < 5; ++k)
-        EXPECT_EQ(o.Event(k), expected[k]);
-    EXPECT_EQ(o.events.GetEvent(2).GetEnd(), 3);  // 8 ms = 2 slices
-    EXPECT_EQ(o.events.GetEvent(4).GetEnd(), 3);  // cut at the last slice
-    EXPECT_EQ(o.events.GetEvent(3).GetEventCode(), 2);
+    // 8 ms are 2 slices, cut at the last slice; the event after the last sample is left out.
+    EXPECT_EQ(EventsOf(f), "New Segment@0 New Segment@3 SESS:go@1..3#1/2 bgin@3#2/2 SESS@3#1/2");
 }
 
-TEST(Mff, SegmentsOfCategoriesAreEpochsAndOneAverageIsRunType1)
+// Segments of categories are epochs named by their category; one average is run type 1; a
+// missing signal file is named; a folder that is no MFF is left to other readers.
+TEST(Mff, SegmentsAveragesAndMissingFiles)
 {
     TempDir dir;
     MffSpec spec;
@@ -74,32 +62,24 @@ TEST(Mff, SegmentsOfCategoriesAreEpochsAndOneAverageIsRunType1)
     spec.stimulusUs = 8000;
     spec.averaged = true;
     WriteMff(dir.path("a"), spec);
-    Opened two(dir.path("a.mff/info.xml"));
-    EXPECT_EQ(two.f.GetRunType(), 2u);
-    EXPECT_EQ(two.f.GetNumEpochs(), 2);
-    EXPECT_FLOAT_EQ(two.f.GetPreStim(), 0.008f);
-    EXPECT_EQ(two.Event(0) + " " + two.Event(1), "Face@0 House@4");
+    CFilelib two;
+    Open(two, dir.path("a.mff/info.xml"));
+    EXPECT_EQ(two.GetRunType(), 2u);
+    EXPECT_EQ(two.GetNumEpochs(), 2);
+    EXPECT_FLOAT_EQ(two.GetPreStim(), 0.008f);
+    EXPECT_EQ(EventsOf(two), "Face@0 House@4");
     spec.blocks = {4};
     spec.epochBegins = {0};
     spec.categories = {"Face"};
     WriteMff(dir.path("b"), spec);
-    EXPECT_EQ(Opened(dir.path("b.mff")).f.GetRunType(), 1u);
-    spec.blocks = {4, 3};
-    spec.epochBegins = {0, 2000000};
-    spec.categories = {"Face", "Face"};
-    WriteMff(dir.path("c"), spec);
-    CFilelib f;
-    std::string name = dir.path("c.mff");
-    EXPECT_THROW(f.GuessFileMFR(name), ecError);
+    std::string name = dir.path("b.mff");
+    CFilelib one;
+    Open(one, name);
+    EXPECT_EQ(one.GetRunType(), 1u);
     std::remove((name + "/signal1.bin").c_str());
-    try {
-        CFilelib g;
-        g.GuessFileMFR(name);
-        FAIL();
-    } catch (const ecError& e) {
-        EXPECT_EQ(std::string(e.what()), "[CEGI::Initialize] Cannot open the EEG signal file " + name + "/signal1.bin.");
-    }
-    std::string folder = dir.dir();  // a folder that is no MFF: no reader claims it
+    EXPECT_EQ(Message([&] { CFilelib().GuessFileMFR(name); }),
+              "[CEGI::Initialize] Cannot open the EEG signal file " + name + "/signal1.bin.");
+    std::string folder = dir.dir();
     EXPECT_EQ(CFilelib().GuessFileMFR(folder), 0);
 }
 
@@ -107,10 +87,11 @@ TEST(Mff, SegmentsOfCategoriesAreEpochsAndOneAverageIsRunType1)
 TEST(Mff, PausedRealRecordingEvents)
 {
     SHARED_DATA_OR_SKIP(data, "mff/test_egi_multiepoch_paused.mff");
-    Opened o(data + "signal1.bin");
-    ASSERT_EQ(o.events.GetEventCnt(true), 26);
-    EXPECT_EQ(o.Event(1) + " " + o.Event(2), "New Segment@326 New Segment@2048");
-    EXPECT_EQ(o.Event(3) + " " + o.Event(4), "SESS:assr-am@220 CELL:TARG@222");
-    EXPECT_EQ(o.Event(9) + " " + o.Event(14) + " " + o.Event(15), "bgin@1413 FIX+@2048 AM40@2048");
-    EXPECT_EQ(o.Event(25), "bgin@3497");
+    CFilelib f;
+    Open(f, data + "signal1.bin");
+    ecEventList events;
+    ASSERT_EQ(f.InitialEventList(&events, nullptr), 26);
+    EXPECT_EQ(EventsText(events, 1, 4), "New Segment@326 New Segment@2048 SESS:assr-am@220#1/2 CELL:TARG@222#2/2");
+    EXPECT_EQ(EventsText(events, 14, 2) + " " + EventsText(events, 9, 1) + " " + EventsText(events, 25),
+              "FIX+@2048#4/2 AM40@2048#5/2 bgin@1413#3/2 bgin@3497#3/2");
 }

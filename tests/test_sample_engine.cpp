@@ -168,20 +168,6 @@ TEST(SampleEngine, SegmentsHeldChannelsLargeSpansAndShortFiles)
     EXPECT_EQ(rows[0], (std::vector<float>{0, 0, 1, 2, 3, 0, 0, 10, 11, 12, 13}));
     EXPECT_EQ(rows[1], (std::vector<float>{0, 156, 156, 56, 56, 0, 0, 155, 155, 55, 55}));
 
-    // Segments the reader decodes: the bytes come from its decoder, not the file.
-    ecDataLayout decoded = ecDataLayout::Multiplexed(ecSampleType::UInt8, false, 2, 2, 0, 4);
-    decoded.segmentSlices = 2;
-    decoded.decodedSegments = true;
-    engine.SetLayout(decoded);
-    const uint8_t segments[2][4] = {{1, 2, 3, 4}, {5, 6, 7, 8}};
-    ecReadOptions options;
-    options.decodeSegment = [&](long long segment) { return segments[segment]; };
-    std::vector<float> a(3), c(3);
-    float* out2[] = {a.data(), c.data()};
-    ASSERT_EQ(engine.Read(nullptr, out2, 1, 3, options), 3);
-    EXPECT_EQ(a, (std::vector<float>{3, 5, 7}));
-    EXPECT_EQ(c, (std::vector<float>{4, 6, 8}));
-
     // 300,000 slices of 4 int16 channels, vectorized: no span of all channels fits a block.
     const long long many = 300000;
     Bytes big;
