@@ -251,14 +251,13 @@ std::pair<long long, long long> Span(const ecDataLayout& layout, long long segme
 }
 }  // namespace
 
-// Slice-major floats (`perSlice` apart) into channel rows, (value - shift) x gain in single
-// precision. Four slices of four channels at a time travel as one register transpose, so that
-// every row is written sixteen bytes at a time instead of one value per cache line touched.
-void ecSampleEngine::TransposeScaled(const float* in, long long perSlice, long long n, float* const* rows,
-                                     long long column) const
+// Slice-major floats (`perSlice` apart) into channel rows. Four slices of four channels at a time
+// travel as one register transpose, so that every row is written sixteen bytes at a time instead
+// of one value per cache line touched.
+void ecSampleEngine::Transpose(const float* in, long long perSlice, long long n, float* const* rows,
+                               long long column) const
 {
-    const std::vector<ecChannelLayout>& chans = m_layout.channels;
-    const size_t count = chans.size();
+    const size_t count = m_layout.channels.size();
     long long t = 0;
 #if defined(__SSE2__)
     for (; t + 4 <= n; t += 4) {
@@ -268,25 +267,19 @@ void ecSampleEngine::TransposeScaled(const float* in, long long perSlice, long l
             __m128 r0 = _mm_loadu_ps(p + c), r1 = _mm_loadu_ps(p + perSlice + c);
             __m128 r2 = _mm_loadu_ps(p + 2 * perSlice + c), r3 = _mm_loadu_ps(p + 3 * perSlice + c);
             _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-            const __m128 lanes[4] = {r0, r1, r2, r3};
-            for (size_t k = 0; k < 4; ++k) {
-                const ecChannelLayout& ch = chans[c + k];
-                const __m128 v = _mm_mul_ps(_mm_sub_ps(lanes[k], _mm_set1_ps(static_cast<float>(ch.shift))),
-                                            _mm_set1_ps(static_cast<float>(ch.gain)));
-                _mm_storeu_ps(rows[c + k] + column + t, v);
-            }
+            _mm_storeu_ps(rows[c] + column + t, r0);
+            _mm_storeu_ps(rows[c + 1] + column + t, r1);
+            _mm_storeu_ps(rows[c + 2] + column + t, r2);
+            _mm_storeu_ps(rows[c + 3] + column + t, r3);
         }
         for (; c < count; ++c)
             for (long long k = 0; k < 4; ++k)
-                rows[c][column + t + k] = (p[k * perSlice + static_cast<long long>(c)] - static_cast<float>(chans[c].shift)) *
-                                          static_cast<float>(chans[c].gain);
+                rows[c][column + t + k] = p[k * perSlice + static_cast<long long>(c)];
     }
 #endif
-    for (size_t c = 0; c < count; ++c) {
-        const float shift = static_cast<float>(chans[c].shift), gain = static_cast<float>(chans[c].gain);
+    for (size_t c = 0; c < count; ++c)
         for (long long k = t; k < n; ++k)
-            rows[c][column + k] = (in[k * perSlice + static_cast<long long>(c)] - shift) * gain;
-    }
+            rows[c][column + k] = in[k * perSlice + static_cast<long long>(c)];
 }
 
 // As above for formats whose values are computed in double and rounded once.
@@ -322,19 +315,38 @@ bool ecSampleEngine::ConvertInterleaved(Decode decode, const uint8_t* base, long
             return false;
     const long long tile = std::max<long long>(8, 4096 / perSlice);
     m_scratch.resize(static_cast<size_t>(tile * perSlice));
+    m_shiftPattern.assign(static_cast<size_t>(perSlice), 0.0f);
+    m_gainPattern.assign(static_cast<size_t>(perSlice), 0.0f);  // stored values nobody reads
+    for (size_t c = 0; c < chans.size(); ++c) {
+        m_shiftPattern[c] = static_cast<float>(chans[c].shift);
+        m_gainPattern[c] = static_cast<float>(chans[c].gain);
+    }
     for (long long t0 = a; t0 < b; t0 += tile) {
         const long long n = std::min(b, t0 + tile) - t0;
         const uint8_t* p = base + (chans[0].offset + t0 * stride - lo);
         // The last slice only up to the last channel wanted: stored values after it (a trailing
         // channel nobody reads) may lie beyond the bytes read.
-        const long long values = (n - 1) * perSlice + static_cast<long long>(chans.size());
-        for (long long i = 0; i < values; ++i)
-            m_scratch[static_cast<size_t>(i)] = static_cast<float>(decode(p + i * Decode::kWidth));
         const long long column = target.done + (t0 - a);
-        if (m_layout.exact)
-            TransposeExact(m_scratch.data(), perSlice, n, target.rows, column);
-        else
-            TransposeScaled(m_scratch.data(), perSlice, n, target.rows, column);
+        float* scratch = m_scratch.data();
+        if (m_layout.exact) {
+            const long long values = (n - 1) * perSlice + static_cast<long long>(chans.size());
+            for (long long i = 0; i < values; ++i)
+                scratch[i] = static_cast<float>(decode(p + i * Decode::kWidth));
+            TransposeExact(scratch, perSlice, n, target.rows, column);
+            continue;
+        }
+        // Gain and offset applied in storage order, through one slice's pattern of them, so
+        // that the move into the rows carries no arithmetic.
+        const float* shift = m_shiftPattern.data();
+        const float* gain = m_gainPattern.data();
+        for (long long t = 0; t < n; ++t) {
+            const long long wanted = t + 1 < n ? perSlice : static_cast<long long>(chans.size());
+            const uint8_t* q = p + t * stride;
+            float* out = scratch + t * perSlice;
+            for (long long c = 0; c < wanted; ++c)
+                out[c] = (static_cast<float>(decode(q + c * Decode::kWidth)) - shift[c]) * gain[c];
+        }
+        Transpose(scratch, perSlice, n, target.rows, column);
     }
     return true;
 }
