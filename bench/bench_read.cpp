@@ -63,7 +63,7 @@ struct Recording {
     bool bigEndian;
     bool isFloat;
     std::string dataPath = {};  // the samples' file, when not `path`
-    bool exact = false;         // converted in double and rounded once (EDF, BDF)
+    bool exact = false;         // converted in double and rounded once (EDF, BDF and the newer readers)
     const std::string& DataFile() const { return dataPath.empty() ? path : dataPath; }
 };
 
@@ -237,7 +237,7 @@ Recording Ctf(const std::string& dir)
         channels.push_back({"M" + std::to_string(c), 5, 1e15});
     CtfRes4(channels, samples, 1200, 0).write(folder + "c.res4");
     WriteFile(folder + "c.meg4", Bytes().text("MEG41CP", 8, '\0'), trials * trialBytes);
-    return {folder + "c.res4", 8, trials * trialBytes, 4, true, false, folder + "c.meg4"};
+    return {folder + "c.res4", 8, trials * trialBytes, 4, true, false, folder + "c.meg4", true};
 }
 
 // An MFF folder of one signal block (float32, channel-major), under 2 GiB as a block must be.
@@ -254,7 +254,7 @@ Recording Mff(const std::string& dir, const char* name)
     for (int c = 0; c < kChannels; ++c)
         header.u32le(1000u << 8 | 32u);
     WriteFile(folder + "/signal1.bin", header.u32le(0), samples * 4 * kChannels);
-    return {folder, headerBytes, samples * 4 * kChannels, 4, false, true, folder + "/signal1.bin"};
+    return {folder, headerBytes, samples * 4 * kChannels, 4, false, true, folder + "/signal1.bin", true};
 }
 
 // eXimia: the samples alone, 64 channels of 16 bits (kChannels is the format's own count).
@@ -263,7 +263,7 @@ Recording Nexstim(const std::string& dir, const char* name)
     const long long bytes = DataBytes() / (2LL * kChannels) * (2LL * kChannels);
     const std::string path = dir + "/" + name;
     WriteFile(path, Bytes(), bytes);
-    return {path, 0, bytes, 2, false, false};
+    return {path, 0, bytes, 2, false, false, {}, true};
 }
 
 // ANT: RF64 with RAW3 blocks of first differences in 4-bit residuals (a sawtooth, so that every
@@ -295,7 +295,7 @@ Recording Persyst(const std::string& dir)
     WriteTextFile(dir + "/p.lay", PersystLayout(labels, 0, 0, ""));
     const long long bytes = DataBytes() / (2LL * kChannels) * (2LL * kChannels);
     WriteFile(dir + "/f.dat", Bytes(), bytes);
-    return {dir + "/p.lay", 0, bytes, 2, false, false, dir + "/f.dat"};
+    return {dir + "/p.lay", 0, bytes, 2, false, false, dir + "/f.dat", true};
 }
 
 // NicVue export: two int16 channels, the header's sample count matching the data.
@@ -304,7 +304,7 @@ Recording NicVue(const std::string& dir)
     const long long slices = DataBytes() / 4;
     WriteTextFile(dir + "/n.head", NicVueHeader(static_cast<int>(slices)));
     WriteFile(dir + "/n.data", Bytes(), slices * 4);
-    return {dir + "/n.data", 0, slices * 4, 2, false, false};
+    return {dir + "/n.data", 0, slices * 4, 2, false, false, {}, true};
 }
 
 // WinDaq: 16 channels of packed readings (flag bits cleared by the reader), the channel names after
@@ -318,7 +318,7 @@ Recording WinDaq(const std::string& dir)
     head.put_u32le(8, static_cast<uint32_t>(bytes));
     const std::string path = dir + "/w.wdq";
     WriteFile(path, head, bytes, Bytes().raw(std::string(file.data().begin() + 1156, file.data().end())));
-    return {path, 1156, bytes, 2, false, false};
+    return {path, 1156, bytes, 2, false, false, {}, true};
 }
 
 // Plexon: four slow channels at 1 kHz in blocks of 4096 samples, interleaved in time as the
@@ -338,7 +338,7 @@ Recording Plexon(const std::string& dir)
     const long long dataBytes = rounds * channels * (16 + 2LL * words);
     const std::string path = dir + "/p.plx";
     file.write(path);
-    return {path, static_cast<long long>(file.size()) - dataBytes, dataBytes, 2, false, false};
+    return {path, static_cast<long long>(file.size()) - dataBytes, dataBytes, 2, false, false, {}, true};
 }
 
 // 4D: 16-bit big-endian slices, then the header; the configuration beside the pdf.
@@ -351,7 +351,7 @@ Recording FourDPdf(const std::string& dir, const char* name)
     const std::string path = dir + "/" + name;
     FourDConfig(spec.channels).write(dir + "/4d_config");
     WriteFile(path, Bytes(), slices * 2 * kChannels, FourDHeader(spec, slices * 2 * kChannels));
-    return {path, 0, slices * 2 * kChannels, 2, true, false};
+    return {path, 0, slices * 2 * kChannels, 2, true, false, {}, true};
 }
 
 struct Files {

@@ -282,18 +282,6 @@ void ecSampleEngine::Transpose(const float* in, long long perSlice, long long n,
             rows[c][column + k] = in[k * perSlice + static_cast<long long>(c)];
 }
 
-// As above for formats whose values are computed in double and rounded once.
-void ecSampleEngine::TransposeExact(const float* in, long long perSlice, long long n, float* const* rows,
-                                    long long column) const
-{
-    const std::vector<ecChannelLayout>& chans = m_layout.channels;
-    for (size_t c = 0; c < chans.size(); ++c) {
-        const double shift = chans[c].shift, gain = chans[c].gain;
-        for (long long t = 0; t < n; ++t)
-            rows[c][column + t] = static_cast<float>((static_cast<double>(in[t * perSlice + static_cast<long long>(c)]) + shift) * gain);
-    }
-}
-
 template <typename Decode>
 bool ecSampleEngine::ConvertInterleaved(Decode decode, const uint8_t* base, long long lo, const Target& target,
                                         long long a, long long b)
@@ -315,36 +303,42 @@ bool ecSampleEngine::ConvertInterleaved(Decode decode, const uint8_t* base, long
             return false;
     const long long tile = std::max<long long>(8, 4096 / perSlice);
     m_scratch.resize(static_cast<size_t>(tile * perSlice));
-    m_shiftPattern.assign(static_cast<size_t>(perSlice), 0.0f);
-    m_gainPattern.assign(static_cast<size_t>(perSlice), 0.0f);  // stored values nobody reads
+    m_shiftPattern.assign(static_cast<size_t>(perSlice), 0.0f);  // 0 for stored values nobody reads
+    m_gainPattern.assign(static_cast<size_t>(perSlice), 0.0f);
+    m_exactShift.assign(static_cast<size_t>(perSlice), 0.0);
+    m_exactGain.assign(static_cast<size_t>(perSlice), 0.0);
     for (size_t c = 0; c < chans.size(); ++c) {
         m_shiftPattern[c] = static_cast<float>(chans[c].shift);
         m_gainPattern[c] = static_cast<float>(chans[c].gain);
+        m_exactShift[c] = chans[c].shift;
+        m_exactGain[c] = chans[c].gain;
     }
     for (long long t0 = a; t0 < b; t0 += tile) {
         const long long n = std::min(b, t0 + tile) - t0;
         const uint8_t* p = base + (chans[0].offset + t0 * stride - lo);
-        // The last slice only up to the last channel wanted: stored values after it (a trailing
-        // channel nobody reads) may lie beyond the bytes read.
         const long long column = target.done + (t0 - a);
         float* scratch = m_scratch.data();
-        if (m_layout.exact) {
-            const long long values = (n - 1) * perSlice + static_cast<long long>(chans.size());
-            for (long long i = 0; i < values; ++i)
-                scratch[i] = static_cast<float>(decode(p + i * Decode::kWidth));
-            TransposeExact(scratch, perSlice, n, target.rows, column);
-            continue;
-        }
         // Gain and offset applied in storage order, through one slice's pattern of them, so
         // that the move into the rows carries no arithmetic.
-        const float* shift = m_shiftPattern.data();
-        const float* gain = m_gainPattern.data();
-        for (long long t = 0; t < n; ++t) {
-            const long long wanted = t + 1 < n ? perSlice : static_cast<long long>(chans.size());
-            const uint8_t* q = p + t * stride;
-            float* out = scratch + t * perSlice;
-            for (long long c = 0; c < wanted; ++c)
-                out[c] = (static_cast<float>(decode(q + c * Decode::kWidth)) - shift[c]) * gain[c];
+        auto fill = [&](auto convert) {
+            for (long long t = 0; t < n; ++t) {
+                // The last slice only up to the last channel wanted: stored values after it (a
+                // trailing channel nobody reads) may lie beyond the bytes read.
+                const long long wanted = t + 1 < n ? perSlice : static_cast<long long>(chans.size());
+                const uint8_t* q = p + t * stride;
+                float* out = scratch + t * perSlice;
+                for (long long c = 0; c < wanted; ++c)
+                    out[c] = convert(decode(q + c * Decode::kWidth), c);
+            }
+        };
+        if (m_layout.exact) {
+            const double* shift = m_exactShift.data();
+            const double* gain = m_exactGain.data();
+            fill([&](Raw v, long long c) { return static_cast<float>((static_cast<double>(v) + shift[c]) * gain[c]); });
+        } else {
+            const float* shift = m_shiftPattern.data();
+            const float* gain = m_gainPattern.data();
+            fill([&](Raw v, long long c) { return (static_cast<float>(v) - shift[c]) * gain[c]; });
         }
         Transpose(scratch, perSlice, n, target.rows, column);
     }

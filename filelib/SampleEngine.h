@@ -112,7 +112,7 @@ private:
     ecDataLayout m_layout;
     std::vector<uint8_t> m_buffer;
     void Transpose(const float* in, long long perSlice, long long n, float* const* rows, long long column) const;
-    void TransposeExact(const float* in, long long perSlice, long long n, float* const* rows, long long column) const;
     std::vector<float> m_scratch;  // one tile of interleaved samples as floats
     std::vector<float> m_shiftPattern, m_gainPattern;  // one slice's offsets and gains, channel by channel
+    std::vector<double> m_exactShift, m_exactGain;     // the same for values computed in double
 };
