@@ -47,21 +47,14 @@ int32_t I24BE(const uint8_t* p)
 }
 int32_t I32LE(const uint8_t* p) { return static_cast<int32_t>(LoadU32LE(p)); }
 int32_t I32BE(const uint8_t* p) { return static_cast<int32_t>(LoadU32BE(p)); }
-template <uint32_t (*Load)(const uint8_t*)>
-float F32(const uint8_t* p)
+// An IEEE value from its stored bits.
+template <typename Value, typename Bits, Bits (*Load)(const uint8_t*)>
+Value FromBits(const uint8_t* p)
 {
-    const uint32_t bits = Load(p);
-    float f;
-    std::memcpy(&f, &bits, 4);
-    return f;
-}
-template <uint64_t (*Load)(const uint8_t*)>
-double F64(const uint8_t* p)
-{
-    const uint64_t bits = Load(p);
-    double d;
-    std::memcpy(&d, &bits, 8);
-    return d;
+    const Bits bits = Load(p);
+    Value v;
+    std::memcpy(&v, &bits, sizeof v);
+    return v;
 }
 
 // Calls apply(decode) with the decoder of the sample type.
@@ -80,9 +73,11 @@ void WithDecoder(ecSampleType type, bool bigEndian, Apply apply)
     case ecSampleType::Int32:
         return bigEndian ? apply(Decoder<4, int32_t, I32BE>()) : apply(Decoder<4, int32_t, I32LE>());
     case ecSampleType::Float32:
-        return bigEndian ? apply(Decoder<4, float, F32<LoadU32BE>>()) : apply(Decoder<4, float, F32<LoadU32LE>>());
+        return bigEndian ? apply(Decoder<4, float, FromBits<float, uint32_t, LoadU32BE>>())
+                         : apply(Decoder<4, float, FromBits<float, uint32_t, LoadU32LE>>());
     case ecSampleType::Float64:
-        return bigEndian ? apply(Decoder<8, double, F64<LoadU64BE>>()) : apply(Decoder<8, double, F64<LoadU64LE>>());
+        return bigEndian ? apply(Decoder<8, double, FromBits<double, uint64_t, LoadU64BE>>())
+                         : apply(Decoder<8, double, FromBits<double, uint64_t, LoadU64LE>>());
     }
 }
 
