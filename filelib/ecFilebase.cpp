@@ -93,6 +93,7 @@ void ecFilebase::CopyFields(const ecFilebase& o)
     m_uiOffsetToData = o.m_uiOffsetToData;
     m_bEpochReviewMode = o.m_bEpochReviewMode;
     m_calibration = o.m_calibration;
+    m_recordingInfo = o.m_recordingInfo;
 }
 
 ecFilebase* ecFilebase::GetpNewFilebase(const char*)

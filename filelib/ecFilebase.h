@@ -43,6 +43,24 @@ private:
     Block* m_block = nullptr;
 };
 
+// What a recording states about itself beside its channels and samples, where its format stores
+// it. Empty texts and tables mean "not stored": nothing here is guessed. Readers fill it while
+// they read their headers; the program shows it and the writers carry it into their outputs.
+struct ecRecordingInfo {
+    std::string date;              // start date, "YYYY-MM-DD"
+    std::string time;              // start time of day, "hh:mm:ss", fractions ("hh:mm:ss.ffffff") where stored
+    std::string subjectId;         // patient or subject code
+    std::string subjectName;
+    std::string subjectSex;        // "M" or "F"
+    std::string subjectBirthDate;  // "YYYY-MM-DD"
+    std::string description;       // free text about the recording (EDF+ recording field, FIFF description ...)
+    // Per channel, indexed like the channel tables; empty when the format stores none.
+    std::vector<std::string> channelFilters;      // as stored, e.g. "HP:0.1Hz LP:70Hz N:50Hz"
+    std::vector<std::string> channelTransducers;  // sensor or electrode type text
+    std::vector<double> channelRates;             // stored rate of each channel, when not all equal the recording's
+    std::vector<int> badChannels;                 // channel indices the file marks bad
+};
+
 class FILELIB_API ecFilebase : public ecBase {
 public:
     ecFilebase() = default;
@@ -142,6 +160,7 @@ public:
     // EDF+ annotation signal, listed last by its reader), and whether the file stores variances.
     virtual int GetFacadeHiddenChannels() const { return 0; }
     virtual bool DoesVarianceExist() const { return false; }
+    const ecRecordingInfo& GetRecordingInfo() const { return m_recordingInfo; }
 
     // Derives the calibration factors (see Calibration.h).
     void Calibrate();
@@ -154,6 +173,7 @@ public:
     int ReadCalibrated(ecLabeledMatrix<float>& data, int first, int count);
 
 protected:
+    ecRecordingInfo m_recordingInfo;
     // Lets go of the input handle (closing it unless a copy still holds it).
     void CloseInputFile() { m_inputFile.Close(); }
     // Opens `path` for binary reading as the input handle in place of the current one;

@@ -193,6 +193,8 @@ int CFilelib::GetMEGChannelCount()
     return count;
 }
 
+const ecRecordingInfo& CFilelib::GetRecordingInfo() { return Require("GetRecordingInfo").GetRecordingInfo(); }
+
 float CFilelib::GetDuration()
 {
     const double period = 1.0 / GetSampleRate();

@@ -80,6 +80,8 @@ public:
     int GetEEGChannelCount();
     int GetMEGChannelCount();
     float GetDuration();
+    // Date, subject and per-channel descriptions where the format stores them.
+    const ecRecordingInfo& GetRecordingInfo();
 
     // Samples in physical units, with derived calibration factors applied per labelled row.
     int ReadData(ecLabeledMatrix<float>& data, int firstSlice, int numSlices);
