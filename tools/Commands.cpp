@@ -4,19 +4,17 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <sys/stat.h>
 
 #include "Output.h"
+#include "Plot.h"
 #include "filelib/GenericExport.h"
 #include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 #include "filelib/readers/BrainVision.h"
 #include "filelib/readers/Persyst.h"
-
-std::string RenderSvg(CFilelib& f, const std::string& title, long first, long count, const std::vector<int>& channels);
 
 namespace {
 
@@ -162,16 +160,16 @@ bool SameFile(const struct stat& a, const std::string& path)
 
 // Refuses outputs that are the source or a file read with it (whatever their spelling: links,
 // "./" and ".." all lead to the same device and inode), and existing outputs without --force.
-void CheckConvertTargets(CFilelib& f, const Options& o)
+void CheckTargets(CFilelib& f, const Options& o, const std::string& command, const std::vector<std::string>& targets)
 {
     const std::vector<std::string> sources = SourceFiles(f, o.file);
-    for (const std::string& target : {o.out, o.out + ".orva_hdr", o.out + ".evt"}) {
+    for (const std::string& target : targets) {
         struct stat st;
         if (::stat(target.c_str(), &st) != 0)
             continue;
         for (const std::string& source : sources)
             if (SameFile(st, source))
-                throw std::runtime_error("convert would overwrite " + target + ", which is " + source +
+                throw std::runtime_error(command + " would overwrite " + target + ", which is " + source +
                                          ", read for " + o.file + "; nothing written");
         if (!o.force)
             throw std::runtime_error(target + " exists; --force replaces it");
@@ -320,7 +318,7 @@ int RunConvert(const Options& o)
 {
     CFilelib f;
     Open(f, o.file, o.format);
-    CheckConvertTargets(f, o);
+    CheckTargets(f, o, "convert", {o.out, o.out + ".orva_hdr", o.out + ".evt"});
     TerminalProgress progress("converting");
     const int written = WriteGenericCopy(f, o.out, &progress);
     if (written < 0) {
@@ -356,17 +354,16 @@ int RunTriggers(const Options& o)
 
 int RunPlot(const Options& o)
 {
+    RequireSvgName(o.out);
     CFilelib f;
     Open(f, o.file, o.format);
-    const std::vector<int> channels = SelectChannels(f, o.channels);
-    const double rate = f.GetSampleRate();
-    const long available = std::max(0L, f.GetNumSlices() - o.first);
-    const long count = std::min(available, o.count >= 0 ? o.count : static_cast<long>(std::lround(10 * rate)));
-    const std::string svg = RenderSvg(f, o.file, o.first, count, channels);
-    std::ofstream out(o.out, std::ios::binary | std::ios::trunc);
-    out << svg;
-    if (!out)
-        throw std::runtime_error("cannot write " + o.out);
-    std::printf("wrote %s (%zu channels, %ld slices from %ld)\n", o.out.c_str(), channels.size(), count, o.first);
+    CheckTargets(f, o, "plot", {o.out});
+    ecSelection window;
+    window.first = o.first;
+    window.count = o.count;
+    window.channels = SelectChannels(f, o.channels);
+    const PlotPage p = WritePlot(f, window, {o.out, o.file, o.duration, o.page});
+    std::printf("wrote %s: page %ld of %ld, %ld slices from %g s, %zu channels\n", o.out.c_str(), p.page, p.pages,
+                p.slices, p.start, window.channels.size());
     return 0;
 }

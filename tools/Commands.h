@@ -19,6 +19,8 @@ struct Options {
     double threshold = 0.5;
     int deadTime = 0;
     long mask = -1;
+    double duration = 10;  // plot: seconds per page
+    long page = 1;         // plot: the page drawn, from 1
     int format = 0;  // a manufacturer code: read FILE with that reader instead of detecting it
 };
 

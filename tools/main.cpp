@@ -47,9 +47,15 @@ const std::map<std::string, Command>& Commands()
                       "(masked with M, decimal or 0x hexadecimal) to a non-zero value; --dead-time: slices skipped "
                       "after each event.",
                       false}},
-        {"plot", {RunPlot, "filelib plot FILE --out FILE.svg [--first N] [--count N] [--channels a,b]",
-                  "An SVG of stacked traces with channel names, a time axis in seconds and event markers (10 s unless "
-                  "--count says).",
+        {"plot", {RunPlot,
+                  "filelib plot FILE --out FILE.svg [--first N] [--count N] [--channels a,b] [--duration S] [--page N] "
+                  "[--force]",
+                  "An SVG page of stacked traces: channels of one type share one scale (one scale bar per type), "
+                  "each trace drawn about its mean over the page, a time axis in seconds, event markers with "
+                  "labels that do not overlap, trigger channels as steps with their codes. The window (the whole "
+                  "recording unless --first/--count say) is cut into pages of --duration seconds (default 10); "
+                  "--page N draws page N (default 1), and the page count is printed. OUT must end in .svg; an "
+                  "existing OUT is replaced only with --force.",
                   false}},
     };
     return commands;
@@ -127,6 +133,8 @@ void SetOption(Options& o, const std::string& a, Value value)
     else if (a == "--channels") o.channels = SplitCommas(value());
     else if (a == "--out") o.out = value();
     else if (a == "--threshold") o.threshold = Real(a, value());
+    else if (a == "--duration") o.duration = Real(a, value());
+    else if (a == "--page") o.page = Number(a, value());
 }
 
 Options Parse(const std::string& command, int argc, char** argv)
