@@ -7,6 +7,7 @@
 #include "Plot.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -429,6 +430,9 @@ PlotPage WritePlot(CFilelib& f, const ecSelection& window, const PlotRequest& re
     std::vector<int> channels = window.channels;
     for (int c = 0; window.channels.empty() && c < f.GetNumChans(); ++c)
         channels.push_back(c);
+    for (int c : channels)
+        if (c < 0 || c >= f.GetNumChans())
+            throw std::runtime_error("the recording has no channel " + std::to_string(c));
     const double start = frame.first / rate;
     const std::string title = request.title + ": page " + std::to_string(request.page) + " of " +
                               std::to_string(pages) + ", " + Text(start) + " to " + Text(start + span / rate) + " s";
