@@ -39,8 +39,8 @@ void WriteRecording(const TempDir& dir)
     }
     WriteGenericPair(dir, "r.dat", spec, v);
     std::string events;
-    for (int k = 0; k < 12; ++k)
-        events += "\"Stimulus " + std::to_string(k) + "\" 1 " + std::to_string(300 + 5 * k) + "\n";  // name, code, slice
+    for (int k = 0; k < 12; ++k)  // name, code, slice
+        events += "\"Stimulus " + std::to_string(k) + "\" 1 " + std::to_string(300 + 5 * k) + "\n";
     WriteTextFile(dir.path("r.dat.evt"), events);
 }
 

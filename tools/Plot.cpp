@@ -153,7 +153,7 @@ double PixelsPerUnit(const Scale& scale, const std::vector<Lane>& lanes, const s
 {
     std::vector<double> sizes;
     for (size_t i : members) {
-        double size = lanes[i].Deviation();
+        double size = scale.trigger ? 0 : lanes[i].Deviation();
         if (scale.trigger)
             for (size_t c = 0; c < lanes[i].lo.size(); ++c)
                 size = lanes[i].Has(c) ? std::max<double>(size, std::fabs(lanes[i].Peak(c))) : size;
