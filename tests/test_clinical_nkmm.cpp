@@ -53,6 +53,31 @@ TEST(NihonKohden, TwoDataBlocksCalibratedPerInputWithLogEventsAndABoundary)
     EXPECT_EQ(EventsOf(r), "New Segment@10 first@0/2 second@6200/2");
 }
 
+// EEG-1200A: channels and samples from the extended blocks (16-bit codes), rate from the old ones,
+// each block's length from where the next begins; the old blocks' one channel of 1 s is ignored.
+TEST(NihonKohden, ExtendedBlocksGiveChannelsCodesAndLengths)
+{
+    const Counts first = {{0, 65535, 7, 1}, {1, 2, 3, 4}}, second = {{65535, 0, 32768, 9}, {5, 6, 7, 8}, {9, 10, 11, 12}};
+    NkFiles f(NkExtendedEeg({0, 300, 42}, 2000, {first, second}), "[ELECTRODE]\n0000=Fp1\n0042=DC01\n0300=G1\n");
+    NihonKoden r(f.eeg.c_str());
+    r.Initialize(0);
+    EXPECT_EQ(r.GetNumSlices(), 5);
+    EXPECT_FLOAT_EQ(r.GetSampleRate(), 2000);
+    EXPECT_EQ(ChannelsOf(r), "Fp1/V/1024 G1/V/0 DC01/V/0");
+    ecLabeledMatrix<float> m;
+    ASSERT_EQ(r.ReadData(m, 0, 5), 5);
+    const struct {
+        int channel, slice;
+        double volts;
+    } values[] = {{1, 0, 3199.902e-6}, {0, 2, 3199.902e-6}, {2, 2, 1.314992e-5}, {1, 4, -3200e-6 + 10 * 6399.902e-6 / 65535}};
+    for (const auto& v : values)
+        EXPECT_NEAR(m[v.channel][v.slice], v.volts, 1e-6 * std::abs(v.volts)) << v.channel << "," << v.slice;
+    EXPECT_EQ(EventsOf(r), "New Segment@2 first@0/2 second@124000/2");
+    Bytes oneMore = NkExtendedEeg({0}, 200, {{{1}}, {{2}}});
+    NkFiles g(oneMore.put_u8(0x111, 1));
+    EXPECT_EQ(Refusal(g.eeg), "[NihonKoden::Initialize] The extended block table lists 2 data blocks for the 1 of the control blocks.");
+}
+
 // Each System 98 header type. µV: 6400 / 65536 per count around 32768; %: 100 / 65536 per count
 // from 0; nV with 1-byte samples.
 TEST(MicroMed, SampleWidthsUnitsOrderAndEventAreas)
@@ -121,5 +146,7 @@ TEST(NihonKohdenMicromed, RealRecordingsStartTimes)
     nk.Initialize(0);
     mm.Initialize(0);
     EXPECT_EQ(nk.GetStartTime(), "2019-04-03 16:00:16");
+    const ecRecordingInfo& i = nk.GetRecordingInfo();
+    EXPECT_EQ(i.subjectId + "|" + i.subjectName + "|" + i.subjectSex + "|" + i.subjectBirthDate, "6416|Test_no_cap Asdf|M|2019-01-01");
     EXPECT_EQ(mm.GetStartTime() + " " + std::to_string(mm.GetHeaderType()), "2007-11-15 15:04:07 4");
 }
