@@ -78,8 +78,8 @@ TEST(NihonKohden, ExtendedBlocksGiveChannelsCodesAndLengths)
     EXPECT_EQ(Refusal(g.eeg), "[NihonKoden::Initialize] The extended block table lists 2 data blocks for the 1 of the control blocks.");
 }
 
-// Each System 98 header type. µV: 6400 / 65536 per count around 32768; %: 100 / 65536 per count
-// from 0; nV with 1-byte samples.
+// Each System 98 header type (2 and 3: 1-byte ORDER codes, 16-bit logical ranges, no trigger
+// area). µV: 6400 / 65536 per count around 32768; %: 100 / 65536 per count from 0; nV with 1-byte samples.
 TEST(MicroMed, SampleWidthsUnitsOrderAndEventAreas)
 {
     const struct {
@@ -87,14 +87,14 @@ TEST(MicroMed, SampleWidthsUnitsOrderAndEventAreas)
         std::vector<MmElectrode> electrodes;
         std::vector<std::vector<uint32_t>> counts;
         double first[2];
-        const char* channels;
+        const char *channels, *events;
     } cases[] = {
         {2, 2, {{"Fz", 0, 0, 65535, 32768, -3200, 3200, 2}, {"SpO2", 100, 0, 65535, 0, 0, 100, 2}}, {{0, 65535}, {32769, 1}},
-         {-3200e-6, 100.0 * 65535 / 65536}, "Fz/V/1024 SpO2/%/0"},
+         {-3200e-6, 100.0 * 65535 / 65536}, "Fz/V/1024 SpO2/%/0", "lights off@0/2"},
         {3, 1, {{"A", -1, 0, 255, 128, -256, 256, 4}, {"B", 1, 0, 255, 0, 0, 256, 4}}, {{0, 255}, {129, 1}}, {-256e-9, 255e-3},
-         "A/V/1024 B/V/1024"},
+         "A/V/1024 B/V/1024", "lights off@0/2"},
         {4, 4, {{"W", 2, -1000, 999, 0, -1, 1, 1}, {"V", 2, -1000, 999, 0, -1, 1, 1}}, {{0xFFFFFC18u, 999}, {1, 2}}, {-1, 0.999},
-         "W/V/1024 V/V/1024"},
+         "W/V/1024 V/V/1024", "7@1#7/2 lights off@0/2"},
     };
     for (const auto& c : cases) {
         TempDir dir;
@@ -109,7 +109,7 @@ TEST(MicroMed, SampleWidthsUnitsOrderAndEventAreas)
         ASSERT_EQ(r.ReadData(m, 0, 2), 2);
         for (int ch = 0; ch < 2; ++ch)
             EXPECT_NEAR(m[ch][0], c.first[ch], 1e-6 * std::abs(c.first[ch]));
-        EXPECT_EQ(EventsOf(r), "7@1#7/2 lights off@0/2");  // the empty and the late trigger are no events
+        EXPECT_EQ(EventsOf(r), c.events);  // the empty and the late trigger are no events
     }
 }
 
@@ -149,4 +149,6 @@ TEST(NihonKohdenMicromed, RealRecordingsStartTimes)
     const ecRecordingInfo& i = nk.GetRecordingInfo();
     EXPECT_EQ(i.subjectId + "|" + i.subjectName + "|" + i.subjectSex + "|" + i.subjectBirthDate, "6416|Test_no_cap Asdf|M|2019-01-01");
     EXPECT_EQ(mm.GetStartTime() + " " + std::to_string(mm.GetHeaderType()), "2007-11-15 15:04:07 4");
+    const ecRecordingInfo& m = mm.GetRecordingInfo();
+    EXPECT_EQ(m.subjectName + "|" + m.subjectBirthDate + "|" + m.channelFilters.at(0), "Tp_metrologie Tp_metrologie|2007-11-15|HP:0.15Hz");
 }
