@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <tuple>
 
 #include "filelib/filelib.h"
 #include "filelib/readers/Micromed.h"
@@ -54,7 +55,7 @@ TEST(NihonKohden, TwoDataBlocksCalibratedPerInputWithLogEventsAndABoundary)
 }
 
 // EEG-1200A: channels and samples from the extended blocks (16-bit codes), rate from the old ones,
-// each block's length from where the next begins; the old blocks' one channel of 1 s is ignored.
+// each block's length from where the next begins; the old blocks' one-channel lists are ignored.
 TEST(NihonKohden, ExtendedBlocksGiveChannelsCodesAndLengths)
 {
     const Counts first = {{0, 65535, 7, 1}, {1, 2, 3, 4}}, second = {{65535, 0, 32768, 9}, {5, 6, 7, 8}, {9, 10, 11, 12}};
@@ -66,12 +67,9 @@ TEST(NihonKohden, ExtendedBlocksGiveChannelsCodesAndLengths)
     EXPECT_EQ(ChannelsOf(r), "Fp1/V/1024 G1/V/0 DC01/V/0");
     ecLabeledMatrix<float> m;
     ASSERT_EQ(r.ReadData(m, 0, 5), 5);
-    const struct {
-        int channel, slice;
-        double volts;
-    } values[] = {{1, 0, 3199.902e-6}, {0, 2, 3199.902e-6}, {2, 2, 1.314992e-5}, {1, 4, -3200e-6 + 10 * 6399.902e-6 / 65535}};
-    for (const auto& v : values)
-        EXPECT_NEAR(m[v.channel][v.slice], v.volts, 1e-6 * std::abs(v.volts)) << v.channel << "," << v.slice;
+    const std::tuple<int, int, double> values[] = {{1, 0, 3199.902e-6}, {0, 2, 3199.902e-6}, {2, 2, 1.314992e-5}, {1, 4, -3.19902e-3}};
+    for (const auto& [c, t, volts] : values)
+        EXPECT_NEAR(m[c][t], volts, 1e-5 * std::abs(volts)) << c << "," << t;
     EXPECT_EQ(EventsOf(r), "New Segment@2 first@0/2 second@124000/2");
     Bytes oneMore = NkExtendedEeg({0}, 200, {{{1}}, {{2}}});
     NkFiles g(oneMore.put_u8(0x111, 1));

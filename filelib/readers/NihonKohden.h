@@ -1,5 +1,5 @@
 // NihonKoden: Nihon Kohden EEG-1100/2100 family recordings (.EEG) with their companions of the
-// same stem: .21E (electrode code -> name table, required), .PNT (recording date, optional) and
+// same stem: .21E (electrode code -> name table, required), .PNT (patient, date; optional) and
 // .LOG (event log, optional). Companions are looked for with the opened file's extension case
 // first (MB0400FU.EEG -> MB0400FU.21E), then the other case.
 //
