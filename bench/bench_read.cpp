@@ -27,6 +27,7 @@
 #include "fixtures/EdfFiles.h"
 #include "fixtures/FourDFiles.h"
 #include "fixtures/NeuroscanFiles.h"
+#include "fixtures/NkMicromedFiles.h"
 
 namespace {
 
@@ -354,6 +355,35 @@ Recording FourDPdf(const std::string& dir, const char* name)
     return {path, 0, slices * 2 * kChannels, 2, true, false, {}, true};
 }
 
+// Nihon Kohden: kChannels electrodes at 1000 Hz in one data block, each slice with its extra value.
+Recording NihonKohden(const std::string& dir)
+{
+    std::vector<int> codes;
+    std::string names = "[ELECTRODE]\n";
+    for (int c = 0; c < kChannels; ++c) {
+        codes.push_back(c);
+        names += std::to_string(1000 + c).substr(1) + "=E" + std::to_string(c + 1) + "\n";
+    }
+    WriteTextFile(dir + "/k.21E", names);
+    const long long tenthBytes = 100LL * (kChannels + 1) * 2, tenths = DataBytes() / tenthBytes;
+    Bytes head = NkEeg(codes, 1000, 0, {{}});
+    head.put_u32le(0x200 + 0x1c, static_cast<uint32_t>(tenths));
+    WriteFile(dir + "/k.EEG", head, tenths * tenthBytes);
+    return {dir + "/k.EEG", static_cast<long long>(head.size()), tenths * tenthBytes, 2, false, false};
+}
+
+// Micromed: a type-4 header of kChannels µV electrodes, unsigned 16-bit samples.
+Recording Micromed(const std::string& dir)
+{
+    std::vector<MmElectrode> electrodes;
+    for (int c = 0; c < kChannels; ++c)
+        electrodes.push_back({"E" + std::to_string(c + 1), 0, 0, 65535, 32768, -3200, 3200, 2});
+    const Bytes head = MmTrc(4, 2, electrodes, {}, {}, {});
+    const long long bytes = DataBytes() / (2LL * kChannels) * (2LL * kChannels);
+    WriteFile(dir + "/m.TRC", head, bytes);
+    return {dir + "/m.TRC", static_cast<long long>(head.size()), bytes, 2, false, false};
+}
+
 struct Files {
     std::string dir;
     std::map<std::string, Recording> byName;
@@ -380,6 +410,8 @@ struct Files {
         byName["NicVueInt16x2"] = NicVue(dir);
         byName["WinDaqInt16x16"] = WinDaq(dir);
         byName["PlexonInt16x4"] = Plexon(dir);
+        byName["NihonKohdenUInt16"] = NihonKohden(dir);
+        byName["MicromedUInt16"] = Micromed(dir);
     }
     ~Files()
     {
@@ -533,7 +565,8 @@ void BM_FiffTagWalk50000(benchmark::State& state)
 const char* const kFormats[] = {"NeuroscanInt16", "NeuroscanInt32", "NeuroscanBlocked", "EDF",          "BDF",
                                 "FiffFloat",      "FiffInt16",      "GenericFloat",     "BrainVisionInt16x4",
                                 "CFWBInt16",      "CtfInt32",       "MffFloat",         "NexstimInt16", "FourDInt16",
-                                "PersystInt16",   "NicVueInt16x2",  "WinDaqInt16x16",   "PlexonInt16x4"};
+                                "PersystInt16",   "NicVueInt16x2",  "WinDaqInt16x16",   "PlexonInt16x4",
+                                "NihonKohdenUInt16", "MicromedUInt16"};
 
 int Register()
 {

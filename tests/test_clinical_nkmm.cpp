@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <tuple>
 
 #include "filelib/filelib.h"
 #include "filelib/readers/Micromed.h"
@@ -53,8 +54,30 @@ TEST(NihonKohden, TwoDataBlocksCalibratedPerInputWithLogEventsAndABoundary)
     EXPECT_EQ(EventsOf(r), "New Segment@10 first@0/2 second@6200/2");
 }
 
-// Each System 98 header type. µV: 6400 / 65536 per count around 32768; %: 100 / 65536 per count
-// from 0; nV with 1-byte samples.
+// EEG-1200A: channels and samples from the extended blocks (16-bit codes), rate from the old ones,
+// each block's length from where the next begins; the old blocks' one-channel lists are ignored.
+TEST(NihonKohden, ExtendedBlocksGiveChannelsCodesAndLengths)
+{
+    const Counts first = {{0, 65535, 7, 1}, {1, 2, 3, 4}}, second = {{65535, 0, 32768, 9}, {5, 6, 7, 8}, {9, 10, 11, 12}};
+    NkFiles f(NkExtendedEeg({0, 300, 42}, 2000, {first, second}), "[ELECTRODE]\n0000=Fp1\n0042=DC01\n0300=G1\n");
+    NihonKoden r(f.eeg.c_str());
+    r.Initialize(0);
+    EXPECT_EQ(r.GetNumSlices(), 5);
+    EXPECT_FLOAT_EQ(r.GetSampleRate(), 2000);
+    EXPECT_EQ(ChannelsOf(r), "Fp1/V/1024 G1/V/0 DC01/V/0");
+    ecLabeledMatrix<float> m;
+    ASSERT_EQ(r.ReadData(m, 0, 5), 5);
+    const std::tuple<int, int, double> values[] = {{1, 0, 3199.902e-6}, {0, 2, 3199.902e-6}, {2, 2, 1.314992e-5}, {1, 4, -3.19902e-3}};
+    for (const auto& [c, t, volts] : values)
+        EXPECT_NEAR(m[c][t], volts, 1e-5 * std::abs(volts)) << c << "," << t;
+    EXPECT_EQ(EventsOf(r), "New Segment@2 first@0/2 second@124000/2");
+    Bytes oneMore = NkExtendedEeg({0}, 200, {{{1}}, {{2}}});
+    NkFiles g(oneMore.put_u8(0x111, 1));
+    EXPECT_EQ(Refusal(g.eeg), "[NihonKoden::Initialize] The extended block table lists 2 data blocks for the 1 of the control blocks.");
+}
+
+// Each System 98 header type (2 and 3: 1-byte ORDER codes, 16-bit logical ranges, no trigger
+// area). µV: 6400 / 65536 per count around 32768; %: 100 / 65536 per count from 0; nV with 1-byte samples.
 TEST(MicroMed, SampleWidthsUnitsOrderAndEventAreas)
 {
     const struct {
@@ -62,14 +85,14 @@ TEST(MicroMed, SampleWidthsUnitsOrderAndEventAreas)
         std::vector<MmElectrode> electrodes;
         std::vector<std::vector<uint32_t>> counts;
         double first[2];
-        const char* channels;
+        const char *channels, *events;
     } cases[] = {
         {2, 2, {{"Fz", 0, 0, 65535, 32768, -3200, 3200, 2}, {"SpO2", 100, 0, 65535, 0, 0, 100, 2}}, {{0, 65535}, {32769, 1}},
-         {-3200e-6, 100.0 * 65535 / 65536}, "Fz/V/1024 SpO2/%/0"},
+         {-3200e-6, 100.0 * 65535 / 65536}, "Fz/V/1024 SpO2/%/0", "lights off@0/2"},
         {3, 1, {{"A", -1, 0, 255, 128, -256, 256, 4}, {"B", 1, 0, 255, 0, 0, 256, 4}}, {{0, 255}, {129, 1}}, {-256e-9, 255e-3},
-         "A/V/1024 B/V/1024"},
+         "A/V/1024 B/V/1024", "lights off@0/2"},
         {4, 4, {{"W", 2, -1000, 999, 0, -1, 1, 1}, {"V", 2, -1000, 999, 0, -1, 1, 1}}, {{0xFFFFFC18u, 999}, {1, 2}}, {-1, 0.999},
-         "W/V/1024 V/V/1024"},
+         "W/V/1024 V/V/1024", "7@1#7/2 lights off@0/2"},
     };
     for (const auto& c : cases) {
         TempDir dir;
@@ -84,7 +107,7 @@ TEST(MicroMed, SampleWidthsUnitsOrderAndEventAreas)
         ASSERT_EQ(r.ReadData(m, 0, 2), 2);
         for (int ch = 0; ch < 2; ++ch)
             EXPECT_NEAR(m[ch][0], c.first[ch], 1e-6 * std::abs(c.first[ch]));
-        EXPECT_EQ(EventsOf(r), "7@1#7/2 lights off@0/2");  // the empty and the late trigger are no events
+        EXPECT_EQ(EventsOf(r), c.events);  // the empty and the late trigger are no events
     }
 }
 
@@ -121,5 +144,9 @@ TEST(NihonKohdenMicromed, RealRecordingsStartTimes)
     nk.Initialize(0);
     mm.Initialize(0);
     EXPECT_EQ(nk.GetStartTime(), "2019-04-03 16:00:16");
+    const ecRecordingInfo& i = nk.GetRecordingInfo();
+    EXPECT_EQ(i.subjectId + "|" + i.subjectName + "|" + i.subjectSex + "|" + i.subjectBirthDate, "6416|Test_no_cap Asdf|M|2019-01-01");
     EXPECT_EQ(mm.GetStartTime() + " " + std::to_string(mm.GetHeaderType()), "2007-11-15 15:04:07 4");
+    const ecRecordingInfo& m = mm.GetRecordingInfo();
+    EXPECT_EQ(m.subjectName + "|" + m.subjectBirthDate + "|" + m.channelFilters.at(0), "Tp_metrologie Tp_metrologie|2007-11-15|HP:0.15Hz");
 }

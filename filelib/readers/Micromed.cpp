@@ -16,6 +16,8 @@ constexpr long long kElectrode = 128;
 constexpr long long kTriggerEntry = 6;
 constexpr long long kNoteEntry = 44;
 const std::string kTitle = "* MICROMED";
+// Descriptor positions, the same in header types 2 to 4; only type 4 has the trigger area.
+constexpr size_t kOrderArea = 0, kElectrodeArea = 1, kNoteArea = 2, kTriggerArea = 14;
 
 struct Unit {
     int code;
@@ -26,25 +28,41 @@ const Unit kUnits[] = {{-1, "V", 1e-9}, {0, "V", 1e-6}, {1, "V", 1e-3}, {2, "V",
 
 std::string TwoDigits(int v) { return (v < 10 ? "0" : "") + std::to_string(v); }
 
+std::string Date(int year, int month, int day)
+{
+    return std::to_string(year) + "-" + TwoDigits(month) + "-" + TwoDigits(day);
+}
+
+std::string Hertz(double value)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%gHz", value);
+    return text;
+}
+
+// The prefilter as stored: high pass in mHz, low pass in Hz, 0 for none.
+std::string FilterText(int highPassMilliHertz, int lowPassHertz)
+{
+    const std::string high = highPassMilliHertz > 0 ? "HP:" + Hertz(highPassMilliHertz / 1000.0) : "";
+    const std::string low = lowPassHertz > 0 ? "LP:" + Hertz(lowPassHertz) : "";
+    return high + (high.empty() || low.empty() ? "" : " ") + low;
+}
+
 }  // namespace
 
 MicroMed::MicroMed(const char* fileName) { SetInputFileName(fileName ? fileName : ""); }
 
 void MicroMed::Fail(const std::string& text) { FailClosing("MicroMed::Initialize", text); }
 
-MicroMed::Area MicroMed::FindArea(const std::vector<uint8_t>& head, const std::string& name, long long fileSize)
+MicroMed::Area MicroMed::AreaAt(const std::vector<uint8_t>& head, size_t index, long long fileSize)
 {
     const ByteCursor h(head.data(), head.size());
-    for (size_t at = kDescriptors; at + kDescriptor <= head.size(); at += kDescriptor) {
-        if (TrimBlanks(h.str(at, 8)) != name)
-            continue;
-        const Area area{h.u32le(at + 8), h.u32le(at + 12)};
-        if (area.offset + area.length > fileSize)
-            Fail("The " + name + " area (" + std::to_string(area.length) + " bytes at offset " +
-                 std::to_string(area.offset) + ") lies beyond the file's " + std::to_string(fileSize) + " bytes.");
-        return area;
-    }
-    return {};
+    const size_t at = kDescriptors + index * kDescriptor;
+    const Area area{h.u32le(at + 8), h.u32le(at + 12)};
+    if (area.offset + area.length > fileSize)
+        Fail("The " + TrimBlanks(h.str(at, 8)) + " area (" + std::to_string(area.length) + " bytes at offset " +
+             std::to_string(area.offset) + ") lies beyond the file's " + std::to_string(fileSize) + " bytes.");
+    return area;
 }
 
 std::vector<uint8_t> MicroMed::ReadArea(const Area& area)
@@ -73,8 +91,8 @@ void MicroMed::Initialize(int)
     m_headerType = h.u8(175);
     if (m_headerType < 2 || m_headerType > 4)
         Fail("Header type " + std::to_string(m_headerType) + " is not one of System 98 (2 to 4).");
-    m_startTime = std::to_string(1900 + h.u8(130)) + "-" + TwoDigits(h.u8(129)) + "-" + TwoDigits(h.u8(128)) + " " +
-                  TwoDigits(h.u8(131)) + ":" + TwoDigits(h.u8(132)) + ":" + TwoDigits(h.u8(133));
+    const ElectrodeLayout& layout = m_headerType == 4 ? kType4Electrodes : kCompactElectrodes;
+    ReadRecordingInfo(h);
     m_dataStart = h.u32le(138);
     const int channels = h.u16le(142), rateMin = h.u16le(146);
     m_bytes = h.u16le(148);
@@ -82,17 +100,17 @@ void MicroMed::Initialize(int)
         Fail("The header declares " + std::to_string(channels) + " channels of " + std::to_string(m_bytes) + " bytes.");
     if (m_dataStart < static_cast<long long>(kHeadBytes) || m_dataStart > fileSize)
         Fail("The data offset " + std::to_string(m_dataStart) + " lies outside the file's " + std::to_string(fileSize) + " bytes.");
-    const Area order = FindArea(head, "ORDER", fileSize), labcod = FindArea(head, "LABCOD", fileSize);
-    if (order.length < 2LL * channels || labcod.length == 0)
+    const Area order = AreaAt(head, kOrderArea, fileSize), labcod = AreaAt(head, kElectrodeArea, fileSize);
+    if (order.length < static_cast<long long>(layout.codeBytes) * channels || labcod.length == 0)
         Fail("The header's ORDER and LABCOD areas do not describe " + std::to_string(channels) + " channels.");
-    m_notes = FindArea(head, "NOTE", fileSize);
-    m_triggers = FindArea(head, "TRIGGER", fileSize);
+    m_notes = AreaAt(head, kNoteArea, fileSize);
+    m_triggers = m_headerType == 4 ? AreaAt(head, kTriggerArea, fileSize) : Area{};
 
     const std::vector<uint8_t> orderBytes = ReadArea(order), labcodBytes = ReadArea(labcod);
     if (orderBytes.empty() || labcodBytes.empty())
         Fail("Cannot read the ORDER and LABCOD areas.");
     SetNumChans(channels);
-    const double rate = DescribeElectrodes(orderBytes, labcodBytes, rateMin);
+    const double rate = DescribeElectrodes(orderBytes, labcodBytes, rateMin, layout);
     const long long slices = (fileSize - m_dataStart) / (static_cast<long long>(channels) * m_bytes);
     if (slices > INT_MAX)
         Fail("The recording holds more than 2147483647 slices.");
@@ -100,22 +118,38 @@ void MicroMed::Initialize(int)
     DescribeLayout(slices);
 }
 
-double MicroMed::DescribeElectrodes(const std::vector<uint8_t>& order, const std::vector<uint8_t>& labcod, int rateMin)
+void MicroMed::ReadRecordingInfo(const ByteCursor& h)
+{
+    m_recordingInfo = {};
+    ecRecordingInfo& info = m_recordingInfo;
+    info.date = Date(1900 + h.u8(130), h.u8(129), h.u8(128));
+    info.time = TwoDigits(h.u8(131)) + ":" + TwoDigits(h.u8(132)) + ":" + TwoDigits(h.u8(133));
+    const std::string surname = TrimBlanks(h.str(64, 22)), name = TrimBlanks(h.str(86, 20));
+    info.subjectName = name + (name.empty() || surname.empty() ? "" : " ") + surname;
+    const int month = h.u8(106), day = h.u8(107);
+    if (month >= 1 && month <= 12 && day >= 1 && day <= 31)
+        info.subjectBirthDate = Date(1900 + h.u8(108), month, day);
+}
+
+double MicroMed::DescribeElectrodes(const std::vector<uint8_t>& order, const std::vector<uint8_t>& labcod, int rateMin,
+                                    const ElectrodeLayout& l)
 {
     const ByteCursor codes(order.data(), order.size()), table(labcod.data(), labcod.size());
+    const auto logical = [&](size_t at) -> long long { return l.logicalBytes == 2 ? table.u16le(at) : table.i32le(at); };
     m_gains.clear();
     m_shifts.clear();
     double rate = 0;
     for (int c = 0; c < GetNumChans(); ++c) {
-        const long long at = codes.u16le(static_cast<size_t>(2 * c)) * kElectrode;
+        const size_t code = static_cast<size_t>(c * l.codeBytes);
+        const long long at = (l.codeBytes == 1 ? codes.u8(code) : codes.u16le(code)) * kElectrode;
         if (at + kElectrode > static_cast<long long>(labcod.size()))
             Fail("Channel " + std::to_string(c + 1) + "'s electrode lies beyond the LABCOD area.");
         const size_t e = static_cast<size_t>(at);
         const std::string label = TrimBlanks(table.str(e + 2, 6));
-        const long long lmin = table.i32le(e + 14), lmax = table.i32le(e + 18), ground = table.i32le(e + 22);
-        const double span = static_cast<double>(table.i32le(e + 30)) - table.i32le(e + 26);
-        const int unitCode = table.i16le(e + 34);
-        const double electrodeRate = static_cast<double>(rateMin) * table.u16le(e + 44);
+        const long long lmin = logical(e + l.lmin), lmax = logical(e + l.lmax), ground = logical(e + l.ground);
+        const double span = static_cast<double>(table.i32le(e + l.pmax)) - table.i32le(e + l.pmin);
+        const int unitCode = table.i16le(e + l.unit);
+        const double electrodeRate = static_cast<double>(rateMin) * table.u16le(e + l.coefficient);
         const Unit* unit = std::find_if(std::begin(kUnits), std::end(kUnits), [&](const Unit& u) { return u.code == unitCode; });
         if (unit == std::end(kUnits))
             Fail("Electrode " + label + " has the unknown unit code " + std::to_string(unitCode) + ".");
@@ -127,6 +161,7 @@ double MicroMed::DescribeElectrodes(const std::vector<uint8_t>& order, const std
         const double gain = span / static_cast<double>(lmax - lmin + 1) * (unit->volts > 0 ? unit->volts : 1);
         m_gains.push_back(gain);
         m_shifts.push_back(-static_cast<double>(ground));
+        m_recordingInfo.channelFilters.push_back(FilterText(table.u16le(e + l.highPass), table.u16le(e + l.lowPass)));
         DescribeChannel(c, label, unit->volts > 0 ? kChanEEG : 0, unit->text, static_cast<float>(gain),
                         static_cast<float>(-ground * gain));
     }
