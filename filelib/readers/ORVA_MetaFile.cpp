@@ -265,9 +265,11 @@ void ecORVA_MetaFile::SetTimeBase()
 {
     CFilelib& first = *m_members.front().file;
     const long long slices = m_members.back().offset + m_members.back().count;
+    // One averaged epoch stays an average; several epochs are a run of epochs, whatever each member was.
+    const long long epochs = Epoched(first) ? slices / first.GetEpochSlices() : 1;
     if (Epoched(first))
-        SetEpochTimeBase(first.GetSampleRate(), first.GetEpochSlices(), slices / first.GetEpochSlices(),
-                         first.GetPreStim(), false);
+        SetEpochTimeBase(first.GetSampleRate(), first.GetEpochSlices(), epochs, first.GetPreStim(),
+                         epochs == 1 && first.GetRunType() == kRunSingleEpoch);
     else
         SetContinuousTimeBase(first.GetSampleRate(), slices);
 }
