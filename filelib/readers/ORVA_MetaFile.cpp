@@ -22,6 +22,9 @@ namespace {
 const char kRoot[] = "ORVA_MetaFile";
 constexpr size_t kProbeBytes = 4096;
 constexpr long long kMaxTextBytes = 16 << 20;  // a list of paths; far more than any session needs
+// Every member keeps its files open while the metafile is open: well inside the usual limit of
+// open files per process.
+constexpr size_t kMaxMembers = 500;
 
 // The metafiles being opened on this thread, outermost first: a member that is one of them
 // would open itself without end.
@@ -144,6 +147,9 @@ void ecORVA_MetaFile::ReadMembers(const std::string& text, const std::string& fo
     const std::vector<ecXml> listed = xml.Children("Member");
     if (listed.empty())
         Fail("The metafile lists no member recordings.");
+    if (listed.size() > kMaxMembers)
+        Fail("The metafile lists " + std::to_string(listed.size()) + " members; at most " +
+             std::to_string(kMaxMembers) + " are read as one.");
     for (const ecXml& entry : listed) {
         Member m;
         m.path = entry.Attribute("path");

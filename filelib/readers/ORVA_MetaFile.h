@@ -10,7 +10,8 @@
 // (absolute paths are taken as they are); `first` and `count` optionally take a slice range of
 // the member (default: all of it). Each member is opened through the library's own detection, so
 // any format the library reads can be a member, a metafile included; a metafile that lists
-// itself, directly or through other metafiles, is refused.
+// itself, directly or through other metafiles, is refused. Members stay open while the metafile
+// is, so a metafile lists at most 500 of them.
 //
 // Channels: the first member's channels, in its order, with its names, types, units and scales.
 // Every later member must hold a channel of each name (matched by name; a name repeated in the
