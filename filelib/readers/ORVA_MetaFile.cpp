@@ -319,7 +319,8 @@ void ecORVA_MetaFile::AppendMemberEvents(const Member& m, bool join, ecEventList
     const long shift = static_cast<long>(m.offset - m.first);
     for (int i = 0; i < own.GetEventCnt(true); ++i) {
         ecEvent e = own.GetEvent(i);
-        if (e.GetBegin() < m.first || e.GetBegin() >= m.first + m.count || (join && e.IsSegmentBoundary() && e.GetBegin() == m.first))
+        const bool outside = e.GetBegin() < m.first || e.GetBegin() >= m.first + m.count;
+        if (outside || (join && e.IsSegmentBoundary() && e.GetBegin() == m.first))
             continue;
         e.SetBegin(e.GetBegin() + shift);
         e.SetEnd(e.GetEnd() + shift);
