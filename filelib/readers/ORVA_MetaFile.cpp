@@ -354,7 +354,7 @@ int WriteMetaFile(const std::string& out, const std::vector<std::string>& member
     const std::string target = CanonicalPath(out);
     std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<" + std::string(kRoot) + " version=\"1\">\n";
     for (const std::string& member : members) {
-        if (!fs::is_regular_file(member, ec))
+        if (!fs::exists(member, ec))  // folder recordings (.mff, .ds) are members too
             fail("Member " + member + " not found.");
         const std::string path = CanonicalPath(member);
         if (path == target)
