@@ -23,54 +23,6 @@ struct FileCloser {
     throw ecError("[WriteGenericCopy] " + what);
 }
 
-// Output files written under temporary names beside their targets and renamed into place only
-// when all are complete: a failure or a cancel leaves the targets as they were. A temporary name
-// is claimed by creating the file exclusively, so no existing file is ever touched.
-class StagedFiles {
-public:
-    explicit StagedFiles(const std::vector<std::string>& targets) : m_targets(targets)
-    {
-        for (const std::string& target : m_targets)
-            m_temps.push_back(Claim(target));
-    }
-    ~StagedFiles()
-    {
-        for (const std::string& temp : m_temps)
-            std::remove(temp.c_str());
-    }
-    StagedFiles(const StagedFiles&) = delete;
-    StagedFiles& operator=(const StagedFiles&) = delete;
-
-    const std::string& Temp(size_t i) const { return m_temps[i]; }
-    // Renames the files into place, the header last (the pair is a recording only once it exists).
-    void Commit()
-    {
-        for (size_t i = 0; i < m_targets.size(); ++i) {
-            if (std::rename(m_temps[i].c_str(), m_targets[i].c_str()) != 0)
-                ExportError("Cannot replace " + m_targets[i]);
-            m_temps[i].clear();
-        }
-    }
-
-private:
-    static std::string Claim(const std::string& target)
-    {
-        for (int i = 0; i < 100; ++i) {
-            const std::string name = target + ".part" + (i ? std::to_string(i) : "");
-            if (FILE* fp = std::fopen(name.c_str(), "wbx")) {
-                std::fclose(fp);
-                return name;
-            }
-            if (errno != EEXIST)
-                break;
-        }
-        ExportError("Cannot create a temporary file beside " + target);
-    }
-
-    std::vector<std::string> m_targets;
-    std::vector<std::string> m_temps;
-};
-
 void CopyMetadata(CFilelib& source, CGeneric& target, int channels)
 {
     target.SetNumChans(channels);
@@ -136,12 +88,48 @@ bool WriteSamples(CFilelib& source, FILE* out, int channels, int& written, ecPro
 
 }  // namespace
 
+ecStagedFiles::ecStagedFiles(const std::vector<std::string>& targets, std::string who)
+    : m_targets(targets), m_who(std::move(who))
+{
+    for (const std::string& target : m_targets)
+        m_temps.push_back(Claim(target));
+}
+
+ecStagedFiles::~ecStagedFiles()
+{
+    for (const std::string& temp : m_temps)
+        std::remove(temp.c_str());
+}
+
+void ecStagedFiles::Commit()
+{
+    for (size_t i = 0; i < m_targets.size(); ++i) {
+        if (std::rename(m_temps[i].c_str(), m_targets[i].c_str()) != 0)
+            throw ecError("[" + m_who + "] Cannot replace " + m_targets[i]);
+        m_temps[i].clear();
+    }
+}
+
+std::string ecStagedFiles::Claim(const std::string& target) const
+{
+    for (int i = 0; i < 100; ++i) {
+        const std::string name = target + ".part" + (i ? std::to_string(i) : "");
+        if (FILE* fp = std::fopen(name.c_str(), "wbx")) {
+            std::fclose(fp);
+            return name;
+        }
+        if (errno != EEXIST)
+            break;
+    }
+    throw ecError("[" + m_who + "] Cannot create a temporary file beside " + target);
+}
+
 int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDlg* progress)
 {
     const int channels = source.GetNumChans();
     CGeneric target(dataFile.c_str());
     CopyMetadata(source, target, channels);
-    StagedFiles staged({dataFile, dataFile + ".evt", target.GetHeaderFileName()});
+    ecStagedFiles staged({dataFile, dataFile + ".evt", target.GetHeaderFileName()}, "WriteGenericCopy");
 
     int written = 0;
     {

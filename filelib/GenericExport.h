@@ -4,8 +4,32 @@
 #include "companion/Export.h"
 
 #include <string>
+#include <vector>
 
 #include "filelib/filelib.h"
+
+// Output files written under temporary names beside their targets (target.part) and renamed
+// into place only when all are complete: a failure or a cancel leaves the targets as they were.
+// A temporary name is claimed by creating the file exclusively, so no existing file is ever
+// touched; the temporaries left at destruction are removed. Errors read "[who] ...".
+class FILELIB_API ecStagedFiles {
+public:
+    ecStagedFiles(const std::vector<std::string>& targets, std::string who);
+    ~ecStagedFiles();
+    ecStagedFiles(const ecStagedFiles&) = delete;
+    ecStagedFiles& operator=(const ecStagedFiles&) = delete;
+
+    const std::string& Temp(size_t i) const { return m_temps[i]; }
+    // Renames the files into place in the order given (a pair's header last).
+    void Commit();
+
+private:
+    std::string Claim(const std::string& target) const;
+
+    std::vector<std::string> m_targets;
+    std::string m_who;
+    std::vector<std::string> m_temps;
+};
 
 // Writes the recording open in `source` as a generic file pair that reads back through
 // detection with the same metadata and samples:

@@ -18,6 +18,7 @@
 #include "filelib/readers/neuroscn.h"
 #include "filelib/readers/Nexstim.h"
 #include "filelib/readers/Nicolet_BNI.h"
+#include "filelib/readers/ORVA_MetaFile.h"
 #include "filelib/readers/NihonKohden.h"
 #include "filelib/readers/Persyst.h"
 #include "filelib/readers/Plexon.h"
@@ -48,6 +49,8 @@ const std::vector<ecReaderEntry>& ReaderTable()
     static const std::vector<ecReaderEntry> table = SortedByProbe({
         // code, class, format, probe position, Initialize argument, factory, pre-check
         {kMfrGeneric, "CGeneric", "ORVA generic (.orva_hdr + raw data)", 1, 0, &Create<CGeneric>, &GenericHeaderParses},
+        {kMfrMetaFile, "ecORVA_MetaFile", "ORVA metafile (.orva_mf: several recordings as one)", 2, 0,
+         &Create<ecORVA_MetaFile>, nullptr},
         {kMfrBDF, "CEDF_BDF", "BDF / BDF+ (BioSemi, 24-bit)", 3, 3, &Create<CEDF_BDF>, nullptr},
         {kMfrEDF, "CEDF_BDF", "EDF / EDF+ (16-bit)", 4, 2, &Create<CEDF_BDF>, nullptr},
         {kMfrNeuroscan, "CNeuroscan", "Neuroscan (.cnt, .eeg, .avg)", 5, 0, &Create<CNeuroscan>, nullptr},

@@ -4,6 +4,7 @@
 
 #include "filelib/ReaderTable.h"
 #include "filelib/readers/Generic.h"
+#include "filelib/readers/ORVA_MetaFile.h"
 
 namespace {
 const char* const kNoReader = ": The time series file is not set properly (pActiveFile=0).";
@@ -319,6 +320,19 @@ bool CFilelib::DoesVarianceExist()
 {
     return m_activeFile && m_activeFile->DoesVarianceExist();
 }
-// No metafile reader is built in, so the metafile calls answer their neutral values.
-std::string CFilelib::GetCurrentFileName(int) { return std::string(); }
-int CFilelib::GetCurrentFilePPMOption(int) { return 1; }
+ecORVA_MetaFile* CFilelib::ActiveMetaFile()
+{
+    return m_iFileSource == kMfrMetaFile ? dynamic_cast<ecORVA_MetaFile*>(m_activeFile.get()) : nullptr;
+}
+
+std::string CFilelib::GetCurrentFileName(int index)
+{
+    ecORVA_MetaFile* meta = ActiveMetaFile();
+    return meta ? meta->GetCurrentFileName(index) : std::string();
+}
+
+int CFilelib::GetCurrentFilePPMOption(int index)
+{
+    ecORVA_MetaFile* meta = ActiveMetaFile();
+    return meta ? meta->GetCurrentFilePPMOption(index) : 1;
+}

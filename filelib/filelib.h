@@ -16,6 +16,7 @@
 #include "filelib/ecFilebase.h"
 
 class CGeneric;
+class ecORVA_MetaFile;
 
 class FILELIB_API CFilelib {
 public:
@@ -113,6 +114,7 @@ public:
 
 private:
     CGeneric* ActiveGeneric();
+    ecORVA_MetaFile* ActiveMetaFile();
     ecFilebase& Require(const char* message);
     // Forwards a setter to the active reader; does nothing without one.
     template <typename... Params, typename... Args>

@@ -70,11 +70,11 @@ TEST(BrokenFiles, EventsOfAFiffFileWithALongSkip)
 // a seed that no longer opens would leave its fuzz target starting from noise.
 TEST(ReaderCases, SeedsOpenAsTheirFormat)
 {
-    TempDir dir;
     int seeds = 0;
     for (const ReaderCase& row : ReaderCases()) {
         for (const auto& [name, bytes] : row.seeds()) {
             SCOPED_TRACE(row.name + "/" + name);
+            TempDir dir;  // side files of one row (a metafile's f.evt) are no other row's
             const std::string stem = dir.path("f");  // the name the seeds' own references use
             const auto parts = SplitFiles(row, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
             ASSERT_EQ(parts.size(), row.suffixes.size());

@@ -149,7 +149,8 @@ TEST(Tool, CommandLineRulesLeaveEveryFileAsItWas)
         int status;
         std::string says;  // part of standard output or error
     } cases[] = {
-        {"--help", 0, "Usage:\n  filelib convert FILE OUT [--force]\n"},
+        {"--help", 0, "Usage:\n  filelib concat OUT.orva_mf IN... [--force]\n  filelib convert FILE OUT [--force]\n"},
+        {"concat j.orva_mf", 1, "usage: filelib concat OUT.orva_mf IN... [--force]"},
         {"dump --help", 0, "Usage: filelib dump FILE"},
         {"--version", 0, "filelib " FILELIB_VERSION "\n"},
         {"frobnicate x", 1, "unknown command \"frobnicate\""},

@@ -14,6 +14,7 @@
 #include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 #include "filelib/readers/BrainVision.h"
+#include "filelib/readers/ORVA_MetaFile.h"
 #include "filelib/readers/Persyst.h"
 
 namespace {
@@ -327,6 +328,13 @@ int RunConvert(const Options& o)
     }
     std::printf("wrote %s (%d slices x %d channels, Float, Slice_Mode), %s.orva_hdr and %s.evt\n", o.out.c_str(), written,
                 f.GetNumChans(), o.out.c_str(), o.out.c_str());
+    return 0;
+}
+
+int RunConcat(const Options& o)
+{
+    const int slices = WriteMetaFile(o.out, o.inputs, o.force);
+    std::printf("wrote %s (%zu members, %d slices)\n", o.out.c_str(), o.inputs.size(), slices);
     return 0;
 }
 

@@ -8,6 +8,7 @@
 struct Options {
     std::string file;
     std::string out;
+    std::vector<std::string> inputs;  // concat: the recordings joined
     long first = 0;
     long count = -1;  // -1: the subcommand's default
     std::vector<std::string> channels;
@@ -15,7 +16,7 @@ struct Options {
     bool csv = false;
     bool digital = false;
     bool words = false;
-    bool force = false;  // convert: replace existing outputs
+    bool force = false;  // convert, concat: replace existing outputs
     double threshold = 0.5;
     int deadTime = 0;
     long mask = -1;
@@ -35,5 +36,6 @@ int RunEvents(const Options& o);
 int RunDump(const Options& o);
 int RunStats(const Options& o);
 int RunConvert(const Options& o);
+int RunConcat(const Options& o);
 int RunTriggers(const Options& o);
 int RunPlot(const Options& o);

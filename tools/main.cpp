@@ -20,6 +20,7 @@ struct Command {
     const char* usage;
     const char* help;
     bool needsOut;
+    bool outThenInputs = false;  // OUT followed by one or more input files
 };
 
 const std::map<std::string, Command>& Commands()
@@ -40,6 +41,12 @@ const std::map<std::string, Command>& Commands()
                      "appear only once complete; existing ones are replaced only with --force, and never FILE or "
                      "the files read with it.",
                      true}},
+        {"concat", {RunConcat, "filelib concat OUT.orva_mf IN... [--force]",
+                    "Writes OUT, a metafile that reads the recordings IN (any format, in order) as one: channels "
+                    "matched by name, slices and events joined, a segment boundary at each join. Members are "
+                    "listed relative to OUT's folder, so the folder can move whole; OUT appears only once every "
+                    "member opened and matched, and an existing OUT is replaced only with --force.",
+                    false, true}},
         {"triggers", {RunTriggers,
                       "filelib triggers FILE [--threshold X] [--dead-time N] [--digital] [--words [--mask M]] [--json]",
                       "Events found on trigger channels by threshold crossing (default threshold 0.5). --digital: a "
@@ -163,6 +170,13 @@ Options Parse(const std::string& command, int argc, char** argv)
                 throw std::runtime_error(a + " needs a value");
             return argv[++i];
         });
+    }
+    if (cmd.outThenInputs) {
+        if (positional.size() < 2)
+            throw std::runtime_error(std::string("usage: ") + cmd.usage);
+        o.out = positional[0];
+        o.inputs.assign(positional.begin() + 1, positional.end());
+        return o;
     }
     if (positional.size() != (cmd.needsOut ? 2u : 1u))
         throw std::runtime_error(std::string("usage: ") + cmd.usage);
