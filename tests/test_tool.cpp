@@ -160,13 +160,13 @@ TEST(Tool, CommandLineRulesLeaveEveryFileAsItWasAndPlot)
         {"dump v.vhdr --format 25", 1, "[PerSyst::Initialize] Not a Persyst layout file (no [FileInfo] section): v.vhdr"},
         {"events g.dat --format 99", 1, "--format 99 is no reader's code. Supported formats: "},
         {"convert f.lay f.dat --force", 1, "convert would overwrite f.dat"},  // the data file the layout names
-        {"dump g.dat --channels Nope", 1, "no channel named \"Nope\"\n"},
+        {"dump g.dat --channels Nope", 1, "no channel named \"Nope\" in g.dat\n"},
         {"plot g.dat", 1, "plot needs --out FILE.svg"},
-        {"stats a.avg", 0, "\n3 slices read in "},  // asks for no more than the recording holds
+        {"stats a.avg", 0, "\n3 slices from 0 read in "},  // asks for no more than the recording holds
         {"dump a.avg --json", 0, "{\"first\": 0, \"count\": 3, "},
         {"triggers v.vhdr", 1, "v.vhdr has no trigger channel"},
-        {"triggers g.dat --threshold 2 --json", 0, "{\"name\": \"1\", \"code\": 0, \"begin\": 2, \"end\": 2, \"kind\": 2}\n]"},
-        {"triggers g.dat --words --mask 0x2 --json", 0, "{\"name\": \"2\", \"code\": 2, \"begin\": 2, \"end\": 2, \"kind\": 2}\n]"},
+        {"triggers g.dat --threshold 2 --json", 0, "{\"name\": \"1\", \"code\": 0, \"begin\": 2, \"end\": 2, \"kind\": 2, \"onset_s\": 0.008, \"duration_s\": 0}\n]"},
+        {"triggers g.dat --words --mask 0x2 --json", 0, "{\"name\": \"2\", \"code\": 2, \"begin\": 2"},
         {"triggers g.dat --words --mask 0X4 --json", 0, "[]\n"},
         {"triggers g.dat --words --mask 0xG", 1, "--mask needs a whole number, not \"0xG\""},
         {"triggers g.dat --mask 2", 1, "--mask applies to --words only"},
