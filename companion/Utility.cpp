@@ -61,7 +61,7 @@ std::string IsoDate(long long year, const std::string& month, long long day)
         for (int i = 0; i < 12; ++i)
             if (IsEqual(month, names[i], false))
                 m = i + 1;
-    if (m < 1 || m > 12 || day < 1 || day > 31 || year < 0 || year > 9999)
+    if (m < 1 || m > 12 || day < 1 || day > 31 || year < 0 || (year >= 100 && year < 1000) || year > 9999)
         return "";
     if (year < 100)
         year += year < 69 ? 2000 : 1900;

@@ -1,9 +1,9 @@
 #include "filelib/readers/CTF.h"
 
-#include <cstdio>
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
