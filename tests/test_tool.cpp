@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <map>
 
+#include "companion/ChannelKind.h"
 #include "companion/Xml.h"
 #include "filelib/filelib.h"
 #include "fixtures/ClinicalFiles.h"
@@ -39,7 +40,7 @@ void WriteRecordings(const TempDir& dir)
     GenericSpec spec;
     spec.chans = 3;
     spec.slices = 6;
-    spec.names = {"A", "B", "TRIG"};
+    spec.names = {"A", "EKG1", "TRIG"};
     spec.types = {1024, 1024, 0x8000};
     spec.scales = {0.5f, 1, 1};
     WriteGenericPair(dir, "g.dat", spec, {{1, 2, 3, 4, 5, 6}, {0, -1, 0, 1, 0, -1}, {0, 0, 3, 3, 0, 0}});
@@ -180,6 +181,27 @@ TEST(Tool, CommandLineRulesLeaveEveryFileAsItWasAndPlot)
         {"convert v.vhdr v.eeg", 1, "convert would overwrite v.eeg"},  // the data file the header names
         {"convert g.dat old.f32", 1, "old.f32 exists; --force replaces it"},
         {"convert x.eeg old.f32 --force", 1, "[CNeuroscan::ReadEEGData]: Error in reading epoch data."},
+        // Windows in seconds (stop excluded) or slices, channels by name or kind; g.dat runs 6 slices at 250 Hz.
+        {"dump g.dat --start 0.004 --stop 0.016 --csv", 0, "slice,time_s,A,EKG1,TRIG\n1,0.004,1,-1,0\n2,0.008,1.5,0,3\n3,0.012,"},
+        {"dump g.dat --first 5 --types ecg,TRIGGER", 0, "slice\ttime_s\tEKG1\tTRIG\n5\t0.02\t-1\t0\n"},
+        {"dump a.avg --csv --count 1", 0, "\n0,-0.1,"},  // epoched: seconds from the stimulus
+        {"stats g.dat --stop 0.012 --channels TRIG", 0, "\nTRIG                          0              3              1        1.73205\n3 slices from 0"},
+        {"dump g.dat --start 0.004 --first 1", 1, "give the window in seconds (--start/--stop) or in slices"},
+        {"dump g.dat --start 0.024", 1, "--start 0.024 s lies outside the recording (6 slices, 0.024 s)"},
+        {"plot g.dat --out p.svg --stop 0.03", 1, "--stop 0.03 s must lie after --start and within the recording"},
+        {"stats g.dat --start 0.01 --stop 0.011", 1, "holds no slice"},
+        {"events g.dat --first 2 --count 5", 1, "--first 2 --count 5 reaches outside the recording"},
+        {"dump g.dat --first 6", 1, "--first 6 lies outside"},
+        {"dump g.dat --start nan", 1, "--start needs a number, not \"nan\""},
+        {"dump g.dat --types eog", 1, "no channel of the kinds --types names in g.dat"},
+        {"stats g.dat --types eeg,brain", 1, "--types: no channel kind \"brain\""},
+        {"events g.dat --start 0.012", 0, "\n0 events\n"},
+        {"events g.dat --stop 0.012", 0, "Stim x                      3          2          2     2     0.008000     0.000000\n1 events"},
+        {"events g.dat --channels A", 1, "events does not take --channels"},
+        {"info g.dat --start 1", 1, "info does not take --start"},
+        {"plot g.dat --out p.svg --csv", 1, "plot does not take --csv"},
+        {"info g.dat", 0, "Duration:      0:00:00.024 (6 slices, 0.024 s)\nEpochs:        none (continuous)\n"
+                          "Reference:     not stated\nEvents:        1\nChannels:      3 (1 EEG, 1 ECG, 1 trigger)\n"},
     };
     for (const auto& c : cases) {
         const ToolRun run = Tool(dir, c.args);
@@ -213,4 +235,45 @@ TEST(Tool, CommandLineRulesLeaveEveryFileAsItWasAndPlot)
     }
     EXPECT_EQ(traceGroups, 2);
     EXPECT_EQ(eventGroups, 1);
+}
+
+// What dev-set recordings state about themselves, as their READMEs and MNE-Python report it (MFF:
+// the local time the file writes; Neuroscan's scan41 date field is garbled, so it states none).
+TEST(Tool, InfoStatesDateSubjectFiltersAndKinds)
+{
+    TempDir dir;
+    const struct {
+        std::string file;
+        std::string says;
+    } rows[] = {
+        {"fiff/test_elekta_3ch_raw.fif", "\"date\": \"2016-05-09\", \"time\": \"11:43:27.273957\""},
+        {"fiff/test_elekta_3ch_raw.fif", "\"description\": \"TRIUX system\""},
+        {"fiff/test_elekta_3ch_raw.fif", "\"kind\": \"MEG\", \"unit\": \"T\", \"scale\": 1.33e-10, \"offset\": 0, "
+                                         "\"rate\": null, \"filter\": \"HP:0.1Hz LP:330Hz\""},
+        {"fiff/neuromag122_test_file-raw.fif", "\"duration\": \"0:00:01.001\""},
+        {"ctf/testdata_ctf_short_discontinuous.ds", "\"date\": \"2013-04-29\", \"time\": \"09:36:00\""},
+        {"mff/example_3.mff", "\"date\": \"2020-01-29\", \"time\": \"06:19:39.202537\""},
+        {"neuroscan/test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt", "\"date\": \"2018-01-03\", \"time\": \"14:35:20\""},
+        {"neuroscan/scan41_short.cnt", "\"date\": null, \"time\": null"},
+        {"ant/test-na-271.cnt", "\"date\": \"2024-09-06\", \"time\": \"10:45:07.411\""},
+        {"egi/test_egi.raw", "\"date\": \"2014-04-08\", \"time\": \"09:46:44.736\""},
+        {"nicolet/test_nicolet_raw.data", "\"subject\": {\"id\": \"102\", \"name\": null"},
+        {"nicolet/test_nicolet_raw.data", "\"name\": \"EOG1\", \"type\": 0, \"kind\": \"EOG\""},
+        {"persyst/sub-pt1_ses-02_task-monitor_acq-ecog_run-01_clip2.lay",  // its birth date is cut short
+         "\"date\": \"2014-12-19\", \"time\": \"02:37:48\", \"subject\": {\"id\": \"0\", \"name\": \"No_Name\", "
+         "\"sex\": null, \"birth_date\": null}"},
+    };
+    for (const auto& row : rows) {
+        const ToolRun run = Tool(dir, "info " + std::string(FILELIB_SHARED_DATA) + "/" + row.file + " --json");
+        ASSERT_EQ(run.status, 0) << row.file << run.err;
+        EXPECT_NE(run.out.find(row.says), std::string::npos) << row.file << ":\n" << run.out.substr(0, 1500);
+        EXPECT_EQ(ParseJson(run.out)["format"].type, Json::String) << row.file;
+    }
+    const std::pair<const char*, const char*> labels[] = {
+        {"EOG Left", "EOG"}, {" eog1", "EOG"},  {"EKG", "ECG"},       {"ECG-R", "ECG"}, {"EMG chin", "EMG"},
+        {"EMGX", ""},        {"Resp", "resp"},  {"STI 014", "trigger"}, {"TRIGGER", "trigger"}, {"EEG Fz", "EEG"},
+        {"EEGx", ""},        {"Fp1", ""},
+    };
+    for (const auto& [label, kind] : labels)
+        EXPECT_EQ(InferChannelType(label), kind) << label;
 }

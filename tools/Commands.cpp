@@ -466,10 +466,15 @@ int RunDump(const Options& o)
     const int n = count ? std::max(0, f.ReadData(m, static_cast<int>(sel.first), static_cast<int>(count))) : 0;
     const double rate = Rate(f);
     // Continuous files: seconds from the first slice. Epoched files: seconds within the slice's
-    // epoch from the stimulus, so the pre-stimulus part is negative.
+    // epoch from the stimulus, so the pre-stimulus part is negative. Readers store the
+    // pre-stimulus time as its length (CTF, MFF) or as the time of the epoch's first slice
+    // (Neuroscan x-min, FIFF evoked sets): either way the epoch starts at minus its size.
     const bool epoched = f.GetRunType() != kRunContinuous && f.GetEpochSlices() > 0;
+    const double epochStart = -std::fabs(static_cast<double>(f.GetPreStim()));
+    // Within an epoch, float precision (that of the pre-stimulus time) is all there is.
     const auto time = [&](long slice) {
-        return epoched ? (slice % f.GetEpochSlices()) / rate - f.GetPreStim() : slice / rate;
+        return epoched ? JsonFloat(static_cast<float>((slice % f.GetEpochSlices()) / rate + epochStart))
+                       : JsonNumber(slice / rate);
     };
     if (o.json) {
         std::cout << "{\"first\": " << sel.first << ", \"count\": " << n << ", \"channels\": [";
@@ -477,7 +482,7 @@ int RunDump(const Options& o)
             std::cout << (i ? ", " : "") << JsonString(Name(f, sel.channels[i]));
         std::cout << "], \"time_s\": [";
         for (int s = 0; s < n; ++s)
-            std::cout << (s ? ", " : "") << JsonNumber(time(sel.first + s));
+            std::cout << (s ? ", " : "") << time(sel.first + s);
         std::cout << "], \"data\": [";
         for (size_t i = 0; i < sel.channels.size(); ++i) {
             std::cout << (i ? "," : "") << "\n  [";
@@ -494,7 +499,7 @@ int RunDump(const Options& o)
         std::cout << sep << Name(f, c);
     std::cout << "\n";
     for (int s = 0; s < n; ++s) {
-        std::cout << sel.first + s << sep << JsonNumber(time(sel.first + s));
+        std::cout << sel.first + s << sep << time(sel.first + s);
         for (int c : sel.channels)
             std::cout << sep << JsonFloat(m[c][s]);
         std::cout << "\n";
