@@ -70,6 +70,18 @@ std::string IsoDate(long long year, const std::string& month, long long day)
     return text;
 }
 
+std::string ClockTime(long long hour, long long minute, double second)
+{
+    if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || !(second >= 0 && second < 61))
+        return "";
+    char text[32];
+    if (second == std::floor(second))
+        std::snprintf(text, sizeof text, "%02lld:%02lld:%02d", hour, minute, static_cast<int>(second));
+    else
+        std::snprintf(text, sizeof text, "%02lld:%02lld:%09.6f", hour, minute, second);
+    return text;
+}
+
 bool ParseInteger(const std::string& text, long long& out)
 {
     const std::string t = TrimBlanks(text);

@@ -23,6 +23,9 @@ bool ParseReal(const std::string& text, double& out);
 // English three-letter abbreviation; a two-digit year below 69 is of the 2000s, as strptime reads
 // it, and a three-digit year (a field cut short) makes no date.
 std::string IsoDate(long long year, const std::string& month, long long day);
+// "hh:mm:ss" of a time of day ("hh:mm:ss.ffffff" when the seconds have a fraction); empty when
+// the pieces make no time of day.
+std::string ClockTime(long long hour, long long minute, double second);
 // Upper-cases ASCII letters in place; returns the length.
 int ToUpper(std::string& s);
 // caseSensitive false compares ASCII letters without regard to case.

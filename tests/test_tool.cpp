@@ -8,6 +8,7 @@
 #include <map>
 
 #include "companion/ChannelKind.h"
+#include "companion/Utility.h"
 #include "companion/Xml.h"
 #include "filelib/filelib.h"
 #include "fixtures/ClinicalFiles.h"
@@ -256,6 +257,7 @@ TEST(Tool, InfoStatesDateSubjectFiltersAndKinds)
         {"neuroscan/test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt", "\"date\": \"2018-01-03\", \"time\": \"14:35:20\""},
         {"neuroscan/scan41_short.cnt", "\"date\": null, \"time\": null"},
         {"ant/test-na-271.cnt", "\"date\": \"2024-09-06\", \"time\": \"10:45:07.411\""},
+        {"plexon/File_plexon_3.plx", "\"date\": \"2010-02-22\", \"time\": \"20:00:57\""},
         {"egi/test_egi.raw", "\"date\": \"2014-04-08\", \"time\": \"09:46:44.736\""},
         {"nicolet/test_nicolet_raw.data", "\"subject\": {\"id\": \"102\", \"name\": null"},
         {"nicolet/test_nicolet_raw.data", "\"name\": \"EOG1\", \"type\": 0, \"kind\": \"EOG\""},
@@ -276,4 +278,9 @@ TEST(Tool, InfoStatesDateSubjectFiltersAndKinds)
     };
     for (const auto& [label, kind] : labels)
         EXPECT_EQ(InferChannelType(label), kind) << label;
+    // The pieces headers write dates and times in.
+    EXPECT_EQ(IsoDate(2013, "Apr", 29) + IsoDate(18, "01", 3) + IsoDate(99, "12", 31), "2013-04-292018-01-031999-12-31");
+    EXPECT_EQ(IsoDate(199, "NOV", 19) + IsoDate(2020, "13", 1) + IsoDate(2020, "Foo", 1) + IsoDate(2020, "1", 0), "");
+    EXPECT_EQ(ClockTime(9, 36, 0) + " " + ClockTime(10, 47, 1.5), "09:36:00 10:47:01.500000");
+    EXPECT_EQ(ClockTime(24, 0, 0) + ClockTime(1, 60, 0) + ClockTime(1, 0, -1), "");
 }

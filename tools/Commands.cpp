@@ -125,9 +125,9 @@ std::string Seconds(double s)
     return buf;
 }
 
-// The slice at `seconds`: the first one at or after it. The rate is a float, so a time meant to
-// fall on a slice lands a hair beside it (10 s at 249.99998 Hz is 2499.9998): such a product is
-// rounded to the slice it means.
+// The slice at `seconds`: the first one at or after it. Decimal seconds times the rate land a
+// hair beside the slice they mean (0.1 s at 30 Hz is 3.0000000000000004): such a product is
+// rounded to it.
 long SliceAt(double seconds, double rate)
 {
     const double x = seconds * rate, nearest = std::round(x);
@@ -163,6 +163,22 @@ std::pair<long, long> WindowOf(CFilelib& f, const Options& o)
     return {o.first, o.count};
 }
 
+// The kinds --types names, in any case.
+std::vector<std::string> KindsNamed(const std::vector<std::string>& words)
+{
+    std::vector<std::string> kinds;
+    for (const std::string& word : words) {
+        const auto known = std::find_if(Kinds().begin(), Kinds().end(),
+                                        [&](const std::string& k) { return IsEqual(k, word, false); });
+        if (known == Kinds().end())
+            throw std::runtime_error("--types: no channel kind \"" + word + "\"; kinds: eeg, meg, eog, ecg, emg, resp, "
+                                     "trigger, misc");
+        kinds.push_back(*known);
+    }
+    return kinds;
+}
+
+// The channels --channels names (all without it), of those the kinds --types names.
 std::vector<int> ChannelsOf(CFilelib& f, const Options& o)
 {
     std::vector<int> picked;
@@ -180,15 +196,7 @@ std::vector<int> ChannelsOf(CFilelib& f, const Options& o)
             picked.push_back(c);
     if (o.types.empty())
         return picked;
-    std::vector<std::string> kinds;
-    for (const std::string& word : o.types) {
-        const auto known = std::find_if(Kinds().begin(), Kinds().end(),
-                                        [&](const std::string& k) { return IsEqual(k, word, false); });
-        if (known == Kinds().end())
-            throw std::runtime_error("--types: no channel kind \"" + word + "\"; kinds: eeg, meg, eog, ecg, emg, resp, "
-                                     "trigger, misc");
-        kinds.push_back(*known);
-    }
+    const std::vector<std::string> kinds = KindsNamed(o.types);
     std::vector<int> out;
     for (int c : picked)
         if (std::find(kinds.begin(), kinds.end(), KindOf(f, c)) != kinds.end())
@@ -404,10 +412,12 @@ void PrintInfoText(CFilelib& f, const Facts& facts, const std::string& file)
             std::printf("%-14s %s\n", (std::string(label) + ":").c_str(), value->c_str());
     std::printf("Events:        %d\n", facts.events);
     std::printf("Channels:      %d (%s)\n", f.GetNumChans(), KindCounts(facts).c_str());
+    // The optional columns only where the file states them; the free texts last.
     const bool rates = !r.channelRates.empty(), filters = !r.channelFilters.empty();
-    std::printf("%6s  %-16s %-8s %8s %-6s %12s %12s%s%s%s\n", "#", "name", "kind", "type", "unit", "scale", "offset",
-                rates ? "      rate" : "", r.badChannels.empty() ? "" : "  bad",
-                filters ? "  filter" : "");
+    const bool transducers = !r.channelTransducers.empty();
+    std::printf("%6s  %-16s %-8s %8s %-6s %12s %12s%s%s%s%s\n", "#", "name", "kind", "type", "unit", "scale", "offset",
+                rates ? "      rate" : "", r.badChannels.empty() ? "" : "  bad", filters ? "  filter" : "",
+                transducers ? " | transducer" : "");
     for (int c = 0; c < f.GetNumChans(); ++c) {
         const size_t i = static_cast<size_t>(c);
         std::printf("%6d  %-16s %-8s %#8x %-6s %12g %12g", c, Name(f, c).c_str(), facts.kinds[i].c_str(),
@@ -418,6 +428,8 @@ void PrintInfoText(CFilelib& f, const Facts& facts, const std::string& file)
             std::printf("  %-3s", facts.bad[i] ? "bad" : "");
         if (filters)
             std::printf("  %s", Cell(r.channelFilters, c).c_str());
+        if (transducers)
+            std::printf(" | %s", Cell(r.channelTransducers, c).c_str());
         std::printf("\n");
     }
 }

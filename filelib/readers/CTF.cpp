@@ -194,12 +194,8 @@ void CTF::SetRunDate(std::string time, std::string date)
     char month[16] = "";
     if (std::sscanf(date.c_str(), "%d%*[-/]%15[^-/]%*[-/]%d", &day, month, &year) == 3)
         m_recordingInfo.date = IsoDate(year, month, day);
-    const int parts = std::sscanf(time.c_str(), "%d:%d:%d", &hour, &minute, &second);
-    if (parts >= 2 && hour >= 0 && hour < 24 && minute >= 0 && minute < 60 && second >= 0 && second < 61) {
-        char text[16];
-        std::snprintf(text, sizeof text, "%02d:%02d:%02d", hour, minute, parts == 3 ? second : 0);
-        m_recordingInfo.time = text;
-    }
+    if (std::sscanf(time.c_str(), "%d:%d:%d", &hour, &minute, &second) >= 2)
+        m_recordingInfo.time = ClockTime(hour, minute, second);
 }
 
 void CTF::MarkBadChannels()
