@@ -119,6 +119,7 @@ TEST(Tool, InfoEventsAndDumpAgreeWithTheLibrary)
             EXPECT_EQ(e[k]["begin"].number, want.GetBegin());
             EXPECT_EQ(e[k]["code"].number, want.GetEventCode());
             EXPECT_EQ(e[k]["kind"].number, want.GetKind());
+            EXPECT_NEAR(e[k]["onset_s"].number, want.GetBegin() / f.GetSampleRate(), 1e-6 * (1 + want.GetBegin()));
         }
 
         ecLabeledMatrix<float> m;
@@ -128,6 +129,7 @@ TEST(Tool, InfoEventsAndDumpAgreeWithTheLibrary)
         const Json d = ParseJson(dump.out);
         EXPECT_EQ(d["first"].number, 1);
         EXPECT_EQ(d["count"].number, n);
+        EXPECT_NEAR(d["time_s"][1].number, 2 / f.GetSampleRate(), 1e-6);  // slice 2 of a continuous file
         ASSERT_EQ(d["data"].size(), static_cast<size_t>(f.GetNumChans()));
         for (int c = 0; c < f.GetNumChans(); ++c)
             for (int s = 0; s < n; ++s)
