@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cctype>
 #include <cstdint>
@@ -50,6 +51,35 @@ std::string TrimBlanks(const std::string& s)
     if (b == std::string::npos)
         return std::string();
     return s.substr(b, s.find_last_not_of(" \t\r\n") - b + 1);
+}
+
+std::string IsoDate(long long year, const std::string& month, long long day)
+{
+    static const char* names[] = {"jan", "feb", "mar", "apr", "may", "jun", "jul", "aug", "sep", "oct", "nov", "dec"};
+    long long m = 0;
+    if (!ParseInteger(month, m))
+        for (int i = 0; i < 12; ++i)
+            if (IsEqual(month, names[i], false))
+                m = i + 1;
+    if (m < 1 || m > 12 || day < 1 || day > 31 || year < 0 || (year >= 100 && year < 1000) || year > 9999)
+        return "";
+    if (year < 100)
+        year += year < 69 ? 2000 : 1900;
+    char text[16];
+    std::snprintf(text, sizeof text, "%04lld-%02lld-%02lld", year, m, day);
+    return text;
+}
+
+std::string ClockTime(long long hour, long long minute, double second)
+{
+    if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || !(second >= 0 && second < 61))
+        return "";
+    char text[32];
+    if (second == std::floor(second))
+        std::snprintf(text, sizeof text, "%02lld:%02lld:%02d", hour, minute, static_cast<int>(second));
+    else
+        std::snprintf(text, sizeof text, "%02lld:%02lld:%09.6f", hour, minute, second);
+    return text;
 }
 
 bool ParseInteger(const std::string& text, long long& out)

@@ -18,6 +18,14 @@ std::string TrimBlanks(const std::string& s);
 // nothing else. False otherwise, and for integers out of range and reals that are not finite.
 bool ParseInteger(const std::string& text, long long& out);
 bool ParseReal(const std::string& text, double& out);
+// "YYYY-MM-DD" of a calendar date as headers write it in pieces ("29-Apr-2013", "01/03/18");
+// empty when the pieces make no date (month 1..12, day 1..31). A month given by name is the
+// English three-letter abbreviation; a two-digit year below 69 is of the 2000s, as strptime reads
+// it, and a three-digit year (a field cut short) makes no date.
+std::string IsoDate(long long year, const std::string& month, long long day);
+// "hh:mm:ss" of a time of day ("hh:mm:ss.ffffff" when the seconds have a fraction); empty when
+// the pieces make no time of day.
+std::string ClockTime(long long hour, long long minute, double second);
 // Upper-cases ASCII letters in place; returns the length.
 int ToUpper(std::string& s);
 // caseSensitive false compares ASCII letters without regard to case.

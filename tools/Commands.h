@@ -1,17 +1,26 @@
 // The subcommands of the filelib program.
 #pragma once
 
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "filelib/Selection.h"
+
+class CFilelib;
 
 struct Options {
     std::string file;
     std::string out;
     std::vector<std::string> inputs;  // concat: the recordings joined
+    std::set<std::string> given;  // every option on the command line, "--first" ...
     long first = 0;
     long count = -1;  // -1: the subcommand's default
+    double start = 0;  // seconds, with --start
+    double stop = 0;   // seconds, with --stop
     std::vector<std::string> channels;
+    std::vector<std::string> types;  // channel type words, with --types
     bool json = false;
     bool csv = false;
     bool digital = false;
@@ -30,6 +39,12 @@ class Unrecognized : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
+
+// The part of the recording the options name: a window by --start/--stop (seconds from the first
+// slice) or by --first/--count (slices), and channels by --channels (names, in the order given)
+// or --types (type words). Without a window, count is -1 (the command's own default); without
+// channel options, every channel. A window outside the recording or an unknown name is an error.
+ecSelection SelectionOf(CFilelib& file, const Options& o);
 
 int RunInfo(const Options& o);
 int RunEvents(const Options& o);

@@ -1,6 +1,7 @@
 // filelib: read any supported recording from the command line.
 #include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -10,6 +11,10 @@
 #include "Commands.h"
 #include "filelib/ReaderTable.h"
 #include "filelib/ecBase.h"
+
+// The window and channel options, shown alike in every usage line that takes them.
+#define WINDOW "--start S] [--stop S] [--first N] [--count N"
+#define PICK "--channels a,b] [--types eeg,eog,..."
 
 namespace {
 
@@ -27,13 +32,20 @@ const std::map<std::string, Command>& Commands()
 {
     static const std::map<std::string, Command> commands = {
         {"info", {RunInfo, "filelib info FILE [--json]",
-                  "Format, code, run type, time base, events count and the channels table.", false}},
-        {"events", {RunEvents, "filelib events FILE [--json]", "The recording's event list.", false}},
-        {"dump", {RunDump, "filelib dump FILE [--first N] [--count N] [--channels a,b] [--csv|--json]",
-                  "Samples as delivered (volts for EEG), slice by slice; 10 slices from --first unless --count says.",
+                  "Format, run type, time base, duration (h:mm:ss), date, subject, description, events count and "
+                  "the channels table with each channel's kind, rate, filters and bad mark where the file states them.",
                   false}},
-        {"stats", {RunStats, "filelib stats FILE",
-                   "Reads the whole recording block by block: per-channel min, max, mean, rms and the reading speed.",
+        {"events", {RunEvents, "filelib events FILE [" WINDOW "] [--json]",
+                    "The recording's event list, onset and duration in slices and in seconds from the first slice. A "
+                    "window keeps the events that begin inside it; their times stay those of the recording.",
+                    false}},
+        {"dump", {RunDump, "filelib dump FILE [" WINDOW "] [" PICK "] [--csv|--json]",
+                  "Samples as delivered (volts for EEG), slice by slice, with each slice's time in seconds (for "
+                  "epoched files: within its epoch, from the stimulus); 10 slices unless the window says.",
+                  false}},
+        {"stats", {RunStats, "filelib stats FILE [" WINDOW "] [" PICK "]",
+                   "Reads the recording (or the window) block by block: per-channel min, max, mean, rms and the "
+                   "reading speed.",
                    false}},
         {"convert", {RunConvert, "filelib convert FILE OUT [--force]",
                      "Writes OUT (raw 32-bit floats, slice after slice), OUT.orva_hdr (generic header) and OUT.evt "
@@ -55,12 +67,11 @@ const std::map<std::string, Command>& Commands()
                       "after each event.",
                       false}},
         {"plot", {RunPlot,
-                  "filelib plot FILE --out FILE.svg [--first N] [--count N] [--channels a,b] [--duration S] [--page N] "
-                  "[--force]",
+                  "filelib plot FILE --out FILE.svg [" WINDOW "] [" PICK "] [--duration S] [--page N] [--force]",
                   "An SVG page of stacked traces: channels of one type share one scale (one scale bar per type), "
                   "each trace drawn about its mean over the page, a time axis in seconds, event markers with "
                   "labels that do not overlap, trigger channels as steps with their codes. The window (the whole "
-                  "recording unless --first/--count say) is cut into pages of --duration seconds (default 10); "
+                  "recording unless the window options say) is cut into pages of --duration seconds (default 10); "
                   "--page N draws page N (default 1), and the page count is printed. OUT must end in .svg; an "
                   "existing OUT is replaced only with --force.",
                   false}},
@@ -74,6 +85,8 @@ void ProgramHelp(std::ostream& out)
     for (const auto& [name, cmd] : Commands())
         out << "  " << cmd.usage << "\n";
     out << "  filelib --version\n";
+    out << "\nA window is --start/--stop in seconds from the first slice (stop excluded) or --first/--count in\n"
+        << "slices; --channels picks channels by name, --types by kind (eeg, meg, eog, ecg, emg, resp, trigger, misc).\n";
     out << "\nEvery command takes --format CODE: FILE is read with the reader of that code (listed below in\n"
         << "brackets) instead of being detected. Files detection does not recognise are tried by extension\n"
         << "with the readers it never tries (.lay: Persyst).\n";
@@ -119,7 +132,7 @@ double Real(const std::string& option, const char* text)
 {
     char* stop = nullptr;
     const double v = std::strtod(text, &stop);
-    if (!*text || *stop)
+    if (!*text || *stop || !std::isfinite(v))
         throw std::runtime_error(option + " needs a number, not \"" + text + "\"");
     return v;
 }
@@ -137,7 +150,10 @@ void SetOption(Options& o, const std::string& a, Value value)
     else if (a == "--count") o.count = Number(a, value());
     else if (a == "--dead-time") o.deadTime = static_cast<int>(Number(a, value()));
     else if (a == "--mask") o.mask = Number(a, value());
+    else if (a == "--start") o.start = Real(a, value());
+    else if (a == "--stop") o.stop = Real(a, value());
     else if (a == "--channels") o.channels = SplitCommas(value());
+    else if (a == "--types") o.types = SplitCommas(value());
     else if (a == "--out") o.out = value();
     else if (a == "--threshold") o.threshold = Real(a, value());
     else if (a == "--duration") o.duration = Real(a, value());
@@ -149,7 +165,6 @@ Options Parse(const std::string& command, int argc, char** argv)
     const Command& cmd = Commands().at(command);
     Options o;
     std::vector<std::string> positional;
-    bool maskGiven = false;
     for (int i = 2; i < argc; ++i) {
         const std::string a = argv[i];
         if (a.size() < 2 || a[0] != '-') {
@@ -164,7 +179,7 @@ Options Parse(const std::string& command, int argc, char** argv)
         }
         if (!Takes(cmd, a))
             throw std::runtime_error(command + " does not take " + a + "; usage: " + cmd.usage);
-        maskGiven = maskGiven || a == "--mask";
+        o.given.insert(a);
         SetOption(o, a, [&]() -> const char* {
             if (i + 1 >= argc)
                 throw std::runtime_error(a + " needs a value");
@@ -185,7 +200,7 @@ Options Parse(const std::string& command, int argc, char** argv)
         o.out = positional[1];
     if (command == "plot" && o.out.empty())
         throw std::runtime_error("plot needs --out FILE.svg");
-    if (maskGiven && !o.words)
+    if (o.given.count("--mask") && !o.words)
         throw std::runtime_error("--mask applies to --words only");
     return o;
 }

@@ -469,6 +469,11 @@ void ANT::ReadStart()
     m_hasStart = day && std::fabs(m_startDay) < 1e7;
     if (!seconds)
         m_startSeconds = 0;
+    if (m_hasStart) {
+        const std::string start = DateText(m_startDay, m_startSeconds);
+        m_recordingInfo.date = start.substr(0, 10);
+        m_recordingInfo.time = start.substr(11);
+    }
 }
 
 // Each block is a segment the reader decodes into one int32 run per channel, m_blockSlices apart.

@@ -42,6 +42,10 @@ void ecADInst_CFWB::Initialize(int)
         Fail("The file header of " + name + " is cut short.");
     const ByteCursor h(head, kFileHeaderBytes);
     const double interval = h.f64le(8);
+    // The start: year, month, day, hour, minute as int32 from byte 16, then the second (double).
+    m_recordingInfo.date = IsoDate(h.i32le(16), std::to_string(h.i32le(20)), h.i32le(24));
+    if (!m_recordingInfo.date.empty())
+        m_recordingInfo.time = ClockTime(h.i32le(28), h.i32le(32), h.f64le(36));
     const int channels = h.i32le(52), samples = h.i32le(56), timeColumn = h.i32le(60), format = h.i32le(64);
     if (!(interval > 0) || !std::isfinite(interval) || !(1 / interval > 0) || !std::isfinite(static_cast<float>(1 / interval)))
         Fail("The sample interval is " + std::to_string(interval) + " s.");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -122,6 +123,7 @@ CTF::Res4 CTF::ReadRes4()
         r.channels = h.i16be(1292);
         r.rate = h.f64be(1296);
         r.preTrigger = h.i32be(1316);
+        SetRunDate(h.str(778, 255), h.str(1033, 255));
         descriptionBytes = h.i32be(1836);
         h.seek(kRunDescription);
         h.skip(static_cast<size_t>(std::max(0, descriptionBytes)));
@@ -182,6 +184,20 @@ bool CTF::SideLines(const std::string& file, std::vector<std::string>& lines)
     return true;
 }
 
+// The run's date ("29-Apr-2013" or "29/04/2013") and time ("09:36" or "09:36:12"); some
+// acquisitions write the two fields the other way round.
+void CTF::SetRunDate(std::string time, std::string date)
+{
+    if (date.find(':') != std::string::npos && time.find(':') == std::string::npos)
+        std::swap(date, time);
+    int day = 0, year = 0, hour = 0, minute = 0, second = 0;
+    char month[16] = "";
+    if (std::sscanf(date.c_str(), "%d%*[-/]%15[^-/]%*[-/]%d", &day, month, &year) == 3)
+        m_recordingInfo.date = IsoDate(year, month, day);
+    if (std::sscanf(time.c_str(), "%d:%d:%d", &hour, &minute, &second) >= 2)
+        m_recordingInfo.time = ClockTime(hour, minute, second);
+}
+
 void CTF::MarkBadChannels()
 {
     std::vector<std::string> lines;
@@ -199,6 +215,7 @@ void CTF::MarkBadChannels()
         if (c == GetNumChans())
             Fail("BadChannels names " + bad + ", which is not a channel of the dataset.");
         SetChanType(c, GetChanType(c) | kChanOff);
+        m_recordingInfo.badChannels.push_back(c);
     }
 }
 

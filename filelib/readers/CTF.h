@@ -65,6 +65,7 @@ private:
     Res4 ReadRes4();
     void DescribeChannels(const Res4& res4);
     void MarkBadChannels();
+    void SetRunDate(std::string time, std::string date);
     // The clock of the trials read so far: a trial continues the one before when its first
     // clock value is one clock step after that trial's last.
     struct ClockState {

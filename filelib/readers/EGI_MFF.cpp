@@ -157,6 +157,9 @@ void CEGI::ReadInfo()
     m_recordTime = TrimBlanks(info.GetString("recordTime"));
     if (!ParseTime(m_recordTime, m_startUs))
         Fail("info.xml gives no readable recordTime (\"" + m_recordTime + "\").");
+    // The local date and time of day as written; the zone after them is left out.
+    m_recordingInfo.date = m_recordTime.substr(0, 10);
+    m_recordingInfo.time = m_recordTime.substr(11, m_recordTime.find_first_of("Z+-", 19) - 11);
     long long version = 0;
     m_mffVersion = Integer(info, "mffVersion", version) && version >= 0 && version < 1000 ? static_cast<int>(version) : 0;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 
 #include "companion/ByteCursor.h"
 #include "companion/Utility.h"
@@ -40,6 +41,10 @@ void EGI_Simple::Initialize(int)
     if (!signature)
         Fail("Not an EGI simple binary file: " + name);
     SetFileMFR(kMfrEGISimple);
+    char start[40];
+    std::snprintf(start, sizeof start, "%02d:%02d:%02d.%03d", hour, minute, second, h.i32be(16) % 1000);
+    m_recordingInfo.date = IsoDate(h.i16be(4), std::to_string(month), day);
+    m_recordingInfo.time = start;
 
     const int rate = h.i16be(20);
     m_eegChannels = h.i16be(22);

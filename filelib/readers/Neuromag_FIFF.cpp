@@ -3,7 +3,11 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <sstream>
+#include <tuple>
 #include <numeric>
 
 #include "companion/ByteCursor.h"
@@ -54,6 +58,8 @@ constexpr size_t kTagHeaderBytes = 16;
 constexpr uint32_t kBlockMeasInfo = 101;
 constexpr uint32_t kBlockEvoked = 104;
 constexpr uint32_t kBlockAspect = 105;
+constexpr uint32_t kBlockBads = 359;             // MNE-Python's bad-channels block
+constexpr uint32_t kTagChannelNameList = 3502;  // its list of names
 constexpr uint32_t kMatrixType = 0x40000000;
 
 bool IsDataBuffer(const FIFF_TagRec& r) { return r.name == "DATA_BUFFER" || r.name == "DATA_BUFFER2"; }
@@ -569,6 +575,94 @@ void ecNeuromag_FIFF::Initialize(int)
     if (GetNumSlices() == 0)
         Fail("[ecNeuromag_FIFF::Initialize] " + name + " holds no samples.");
     DescribeLayout();
+    ReadRecordingInfo();
+}
+
+namespace {
+// "YYYY-MM-DD" and "hh:mm:ss" of a time in seconds since 1970 (UTC).
+std::pair<std::string, std::string> DateAndTime(long long seconds)
+{
+    const std::time_t t = static_cast<std::time_t>(seconds);
+    std::tm tm{};
+    char date[32] = "", time[32] = "";
+    if (gmtime_r(&t, &tm)) {
+        std::strftime(date, sizeof date, "%Y-%m-%d", &tm);
+        std::strftime(time, sizeof time, "%H:%M:%S", &tm);
+    }
+    return {date, time};
+}
+
+std::string Hertz(float value)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%gHz", static_cast<double>(value));
+    return text;
+}
+}  // namespace
+
+// The date, subject, description, filters and bad channels the file states.
+void ecNeuromag_FIFF::ReadRecordingInfo()
+{
+    const std::vector<long> blocks = BlocksOfKind(kBlockMeasInfo);
+    const long info = blocks.empty() ? kTopLevel : blocks.front();
+    ecRecordingInfo& r = m_recordingInfo;
+    if (const FIFF_TagRec* date = FirstChild(info, "MEAS_DATE"); date && date->size >= 8) {
+        const std::vector<uint8_t> b = ReadBytes(date->dataPos, 8);
+        if (b.size() == 8) {
+            std::tie(r.date, r.time) = DateAndTime(static_cast<int32_t>(LoadU32BE(b.data())));
+            char micro[16];
+            std::snprintf(micro, sizeof micro, ".%06d", static_cast<int>(LoadU32BE(b.data() + 4) % 1000000));
+            r.time += micro;
+        }
+    }
+    if (const FIFF_TagRec* comment = FirstChild(info, "COMMENT"))
+        r.description = TagText(*comment);
+    std::string filter;
+    if (const FIFF_TagRec* highpass = FirstChild(info, "HIGHPASS"))
+        filter = "HP:" + Hertz(ReadFloat(*highpass));
+    if (const FIFF_TagRec* lowpass = FirstChild(info, "LOWPASS"))
+        filter += (filter.empty() ? "LP:" : " LP:") + Hertz(ReadFloat(*lowpass));
+    if (!filter.empty())
+        r.channelFilters.assign(static_cast<size_t>(GetNumChans()), filter);
+    ReadSubjectAndBads();
+}
+
+// Subject fields (anywhere in the file) and the bad channels MNE-Python writes as a colon-separated
+// name list in its bad-channels block.
+void ecNeuromag_FIFF::ReadSubjectAndBads()
+{
+    ecRecordingInfo& r = m_recordingInfo;
+    std::string first, last;
+    for (size_t i = 0; i < m_directory.size(); ++i) {
+        const FIFF_TagRec& tag = m_directory[i];
+        const long parent = m_nodes[i].parent;
+        if (tag.name == "SUBJ_HIS_ID")
+            r.subjectId = TagText(tag);
+        else if (tag.name == "SUBJ_FIRST_NAME")
+            first = TagText(tag);
+        else if (tag.name == "SUBJ_LAST_NAME")
+            last = TagText(tag);
+        else if (tag.name == "SUBJ_SEX" && tag.size >= 4) {
+            const unsigned long sex = ReadUnsignedLong(tag);
+            r.subjectSex = sex == 1 ? "M" : sex == 2 ? "F" : "";
+        } else if (tag.name == "SUBJ_BIRTH_DAY" && tag.size >= 4)  // a Julian day number
+            r.subjectBirthDate = DateAndTime((static_cast<int32_t>(ReadUnsignedLong(tag)) - 2440588LL) * 86400).first;
+        else if (tag.kind == kTagChannelNameList && parent >= 0 && m_nodes[static_cast<size_t>(parent)].blockKind == kBlockBads)
+            MarkBad(TagText(tag));
+    }
+    r.subjectName = first + (first.empty() || last.empty() ? "" : " ") + last;
+}
+
+void ecNeuromag_FIFF::MarkBad(const std::string& names)
+{
+    std::stringstream list(names);
+    for (std::string name; std::getline(list, name, ':');)
+        for (int c = 0; c < GetNumChans(); ++c) {
+            std::string label;
+            GetChanName(c, label);
+            if (label == name)
+                m_recordingInfo.badChannels.push_back(c);
+        }
 }
 
 // For every entry the innermost block around it. A BLOCK_END without a start is ignored; a

@@ -175,6 +175,9 @@ private:
     const FIFF_TagRec* FirstChild(long block, const std::string& name) const;
     std::vector<long> BlocksOfKind(uint32_t kind) const;
     float ReadMeasurementInfo();
+    void ReadRecordingInfo();
+    void ReadSubjectAndBads();
+    void MarkBad(const std::string& names);
     void RequireInFile(const FIFF_TagRec& r) const;
     std::string TagText(const FIFF_TagRec& r);
     void InitializeRaw();

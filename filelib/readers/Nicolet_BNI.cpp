@@ -173,6 +173,14 @@ void ecNicolet_BNI::ReadBni(const ecIniText& ini)
 
 void ecNicolet_BNI::ReadExport(const ecIniText& ini)
 {
+    // start_ts=2015-01-01 12:00:00.000
+    const std::string start = ini.Get(kHeader, "start_ts");
+    int year = 0, month = 0, day = 0, used = 0;
+    if (std::sscanf(start.c_str(), "%4d-%2d-%2d %n", &year, &month, &day, &used) == 3 && used == 11) {
+        m_recordingInfo.date = IsoDate(year, std::to_string(month), day);
+        m_recordingInfo.time = TrimBlanks(start.substr(11));
+    }
+    m_recordingInfo.subjectId = ini.Get(kHeader, "pat_id");
     const int channels = static_cast<int>(Number(ini, "num_channels", 1, 65536));
     m_names = CommaList(ini.Get(kHeader, "elec_names"));
     if (m_names.size() != static_cast<size_t>(channels))

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <sstream>
 
 #include "companion/IniText.h"
@@ -59,6 +60,24 @@ PerSyst::PerSyst(const char* layoutFile) { SetInputFileName(layoutFile ? layoutF
 
 void PerSyst::Fail(const std::string& text) { FailClosing("PerSyst::Initialize", text); }
 
+// [Patient] TestDate=2014.12.19, TestTime=02:37:48, BirthDate=19-NOV-1997, FullName, ID.
+void PerSyst::ReadPatient(const ecIniText& ini)
+{
+    ecRecordingInfo& r = m_recordingInfo;
+    const auto date = [&](const char* key, const char* layout, bool yearFirst) {
+        int a = 0, c = 0;
+        char month[16] = "";
+        if (std::sscanf(ini.Get("Patient", key).c_str(), layout, &a, month, &c) != 3)
+            return std::string();
+        return yearFirst ? IsoDate(a, month, c) : IsoDate(c, month, a);
+    };
+    r.date = date("TestDate", "%d.%15[^.].%d", true);
+    r.time = r.date.empty() ? "" : ini.Get("Patient", "TestTime");
+    r.subjectBirthDate = date("BirthDate", "%d-%15[^-]-%d", false);
+    r.subjectName = ini.Get("Patient", "FullName");
+    r.subjectId = ini.Get("Patient", "ID");
+}
+
 double PerSyst::Number(const ecIniText& ini, const char* key, double low, double high, bool whole)
 {
     const std::string text = ini.Get(kInfo, key);
@@ -107,6 +126,7 @@ void PerSyst::Initialize(int)
     for (int c = 0; c < channels; ++c)
         DescribeChannel(c, m_vsChanNames[static_cast<size_t>(c)], kChanEEG, "V", static_cast<float>(volts));
     SetContinuousTimeBase(rate, slices);
+    ReadPatient(ini);
     ecDataLayout layout = ecDataLayout::Multiplexed(width == 4 ? ecSampleType::Int32 : ecSampleType::Int16, false,
                                                     channels, channels, dataStart, slices);
     for (int c = 0; c < channels; ++c)

@@ -39,6 +39,7 @@ public:
 private:
     [[noreturn]] void Fail(const std::string& text);
     double Number(const ecIniText& ini, const char* key, double low, double high, bool whole = false);
+    void ReadPatient(const ecIniText& ini);
     void ReadChannelMap(const ecIniText& ini, int channels);
     void ReadComments(const std::string& text, double rate);
 

@@ -61,6 +61,12 @@ void ecPlexon::Initialize(int)
     if (m_version < 100 || m_version > 107)
         Fail("Unknown .plx version " + std::to_string(m_version) + " (100 to 107 are read).");
     m_tickRate = h.i32le(136);
+    // The comment (128 bytes at 8) and the date as six int32 from byte 160: year, month, day,
+    // hour, minute, second.
+    m_recordingInfo.description = TrimBlanks(h.str(8, 128));
+    m_recordingInfo.date = IsoDate(h.i32le(160), std::to_string(h.i32le(164)), h.i32le(168));
+    if (!m_recordingInfo.date.empty())
+        m_recordingInfo.time = ClockTime(h.i32le(172), h.i32le(176), h.i32le(180));
     if (m_tickRate <= 0)
         Fail("The timestamp frequency is " + std::to_string(m_tickRate) + " Hz.");
     const long long dataStart = ReadChannelHeaders(fp, h.i32le(140), h.i32le(144), h.i32le(148), fileSize, head);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <new>
@@ -100,6 +101,25 @@ void CNeuroscan::Initialize(int)
     SetSampleRate(static_cast<float>(h.u16le(376)), 0);
     SetValidEpochCnt(m_iSweeps);
     SetFileMFR(kMfrNeuroscan);
+    ReadRecordingInfo(h);
+}
+
+// Patient fields, and the session's date ("mm/dd/yy") and time ("hh:mm:ss") when they are
+// written that way.
+void CNeuroscan::ReadRecordingInfo(const ByteCursor& h)
+{
+    ecRecordingInfo& r = m_recordingInfo;
+    r.subjectId = TrimBlanks(h.str(21, 20));
+    r.subjectName = TrimBlanks(h.str(121, 20));
+    const char sex = static_cast<char>(h.u8(143));
+    r.subjectSex = sex == 'M' || sex == 'F' ? std::string(1, sex) : "";
+    int month = 0, day = 0, year = 0, hour = 0, minute = 0, second = 0, used = 0;
+    const std::string date = h.str(225, 10), time = h.str(235, 12);
+    if (std::sscanf(date.c_str(), "%2d/%2d/%2d%n", &month, &day, &year, &used) == 3 && used == 8 && date.size() == 8)
+        r.date = IsoDate(year, std::to_string(month), day);
+    if (std::sscanf(time.c_str(), "%2d:%2d:%2d%n", &hour, &minute, &second, &used) == 3 && used == 8 && hour >= 0 && hour < 24 &&
+        minute >= 0 && minute < 60 && second >= 0 && second < 61 && !r.date.empty())
+        r.time = time.substr(0, 8);
 }
 
 void CNeuroscan::CheckHeader(std::vector<uint8_t>& setup)

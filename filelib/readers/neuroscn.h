@@ -17,6 +17,8 @@
 
 #include "filelib/ecFilebase.h"
 
+class ByteCursor;
+
 class CNeuroscan : public ecFilebase {
 public:
     explicit CNeuroscan(const char* fileName);
@@ -41,6 +43,7 @@ private:
     };
 
     void CheckHeader(std::vector<uint8_t>& setup);
+    void ReadRecordingInfo(const ByteCursor& h);
     void ReadElectrodes();
     void Set_nBytes_MultiEpoch();
     void Set_nBytes_Continuous();
