@@ -168,12 +168,8 @@ TEST(Neuroscan, ChannelsReferenceMarksAndRunTypeFromExtension)
               (std::vector<int>{4, 3, 7, 3, 7}));
     EXPECT_FLOAT_EQ(avg.GetSampleRate(), 500.0f);
     EXPECT_FLOAT_EQ(avg.GetPreStim(), -0.1f);
-    std::string name, unit;
-    avg.GetChanName(3, name);  // a 10-byte field running into the next byte
-    avg.GetChanUnit(0, unit);
-    EXPECT_EQ(name + " " + unit, "LongLabel12 V");
-    EXPECT_EQ(std::vector<int>({avg.GetChanType(0), avg.GetChanType(1), avg.GetChanType(2), avg.GetChanType(3)}),
-              std::vector<int>({1024 | 4096, 1024 | 4096, 1024 | 2048, 1024}));
+    // The last label is a 10-byte field running into the next byte.
+    EXPECT_EQ(ChannelsOf(avg), "ref/V/5120 Avg/V/5120 GFP/V/3072 LongLabel12/V/1024");
     // The later "Avg" label wins the reference: average reference, channel 1.
     EXPECT_EQ(std::make_pair(avg.GetReferenceType(), avg.GetReferenceChannel()), std::make_pair(8u, 1));
 
