@@ -50,7 +50,7 @@ TEST(ecCalibration, WriteXmlReadsBack)
     cal.SetFactors({2.0f, 0.25f});
     cal.SetOffsets({-1.5f, 3.0f});
     std::ostringstream derived;
-    cal.WriteXml(derived);
+    ASSERT_TRUE(cal.WriteXml(derived));
     EXPECT_NE(derived.str().find("<iNumEvt>2</iNumEvt><CalEvtCodes><evt>7</evt><evt>Cal</evt></CalEvtCodes>"
                                  "<iNumChans>2</iNumChans><CalFactorList><chan><label>A</label><factor>2</factor>"
                                  "<offset>-1.5</offset></chan><chan><label>B</label><factor>0.25</factor><offset>3"
