@@ -7,6 +7,7 @@
 #include "fixtures/Describe.h"
 #include "fixtures/EdfFiles.h"
 #include "fixtures/Errors.h"
+#include "fixtures/Exercise.h"
 #include "fixtures/SharedData.h"
 
 using namespace std::string_literals;
@@ -37,12 +38,6 @@ std::string Write(const TempDir& dir, const std::string& name, const EdfSpec& sp
     EdfFile(spec).write(dir.path(name));
     return dir.path(name);
 }
-
-void Open(CFilelib& f, std::string path, int code)
-{
-    ASSERT_EQ(f.GuessFileMFR(path), code) << path;
-    f.Initialize(0);
-}
 }  // namespace
 
 // EDF lists its annotation signal last and the facade hides it; BDF does not list it. Either
@@ -58,7 +53,7 @@ TEST(EDF, TheFacadeDeliversOneRowPerChannelItCounts)
         spec.signals = {Annotations(8, {"+0\x14\x14"}), Sig("Fz", 2, {1, 2})};
         spec.signals[0].label = bdf ? "BDF Annotations" : "EDF Annotations";
         CFilelib f;
-        Open(f, Write(dir, bdf ? "a.bdf" : "a.edf", spec), bdf ? 22 : 21);
+        ASSERT_EQ(OpenRecording(f, Write(dir, bdf ? "a.bdf" : "a.edf", spec)), bdf ? 22 : 21);
         auto* reader = dynamic_cast<CEDF_BDF*>(f.GetActiveFile());
         EXPECT_EQ(reader->GetBytesPerSample(), bdf ? 3 : 2);
         EXPECT_EQ(reader->GetAnnotationSignal(), bdf ? -1 : 1);
@@ -290,7 +285,7 @@ TEST(EDFRealFiles, ChannelTypesEventNamesAndTriggers)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.file);
         CFilelib f;
-        Open(f, data + row.file, row.code);
+        ASSERT_EQ(OpenRecording(f, data + row.file), row.code);
         EXPECT_EQ(f.GetNumChans(kChanEEG), row.eeg);
         ecEventList events, words, analogue;
         ASSERT_EQ(f.InitialEventList(&events, nullptr), row.annotations + row.triggers);
