@@ -8,6 +8,7 @@
 #include "filelib/readers/BrainVision.h"
 #include "filelib/readers/EGI_Simple.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/Describe.h"
 #include "fixtures/Errors.h"
 #include "fixtures/VendorFiles.h"
 
@@ -50,7 +51,7 @@ Bytes Data(const std::string& format, bool vectorized, bool big, const Values& v
 }
 
 // Rate, epochs x slices, EEG count, every channel's name, unit and slices 1 to 3, then the
-// events as "name code begin-end kind".
+// number of events and their description.
 std::string Summary(const std::string& path, int code = 29)
 {
     CFilelib f;
@@ -73,12 +74,7 @@ std::string Summary(const std::string& path, int code = 29)
     }
     ecEventList events;
     if (f.InitialEventList(&events, nullptr) > 0)
-        out << " | " << events.GetEventCnt() << " events: ";
-    for (int i = 0; i < events.GetEventCnt(); ++i) {
-        const ecEvent& e = events.GetEvent(i);
-        out << (i ? "; " : "") << e.GetEventName() << " " << e.GetEventCode() << " " << e.GetBegin() << "-"
-            << e.GetEnd() << " " << e.GetKind();
-    }
+        out << " | " << events.GetEventCnt() << " events: " << EventsText(events);
     return out.str();
 }
 const std::string kSummary = "256 Hz, 1 x 4, 2 EEG; Fp1,a [V] -1e-06 1.5e-06 -2e-06; GSR [\xC2\xB5S] 40 60 80; "
@@ -128,8 +124,8 @@ TEST(BrainVision, EveryLayoutWritersSpellingsLengthsAndMarkers)
            "Mk1=New Segment,,1,1,0,20130202105441832000\nMk2=Stimulus,S 12,3,2,0\nMk10=Response,R  3,4,0,0\n"
            "Mk3=Comment,bad\\1idea,2,1,0\nmk4=Impedance,,0,1,0\nMk5=Stimulus,S  7,x,1,0\n"
            "Mk6=Stimulus,S  8,2,-1,0\nMk7=Stimulus\nMk8=Stimulus,S  9,1e12,1,0\n",
-           kSummary + " | 5 events: New Segment 0 0-0 0; Stimulus/S 12 12 2-4 2; Comment/bad,idea 0 1-2 2; "
-                      "Impedance 0 0-1 2; Response/R  3 3 3-3 3");
+           kSummary + " | 5 events: New Segment@0 Stimulus/S 12@2..4#12/2 Comment/bad,idea@1..2/2 Impedance@0..1/2 "
+                      "Response/R  3@3#3/3");
 }
 
 TEST(BrainVision, Refusals)
@@ -167,14 +163,14 @@ TEST(EGISimple, VersionsValuesEventsAndDamage)
         v2.u16be(static_cast<uint16_t>(100 * (t + 1))).u16be(static_cast<uint16_t>(-7)).u16be(t == 1 ? 1 : 0);
     v2.write(dir.path("v2.raw"));
     EXPECT_EQ(Summary(dir.path("v2.raw"), 44), "250 Hz, 1 x 3, 2 EEG; E1 [V] 1.95312e-05 2.92969e-05; E2 [V] "
-                                                "-6.83594e-07 -6.83594e-07; DIN1 [] 1 0 | 1 events: DIN1 1 1-1 2");
+                                                "-6.83594e-07 -6.83594e-07; DIN1 [] 1 0 | 1 events: DIN1@1#1/2");
     // Version 7: segmented doubles, two segments of two samples.
     Bytes v7 = EgiHeader(7, 1, 2, {}, 0, 0, 2);
     for (int s = 0; s < 2; ++s)
         v7.u16be(static_cast<uint16_t>(s + 1)).u32be(1000u * s).f64be(1.5 + s).f64be(-2.5 - s);
     v7.write(dir.path("v7.raw"));
     EXPECT_EQ(Summary(dir.path("v7.raw"), 44),
-              "250 Hz, 2 x 2, 1 EEG; E1 [V] -2.5e-06 2.5e-06 -3.5e-06 | 2 events: std 0 0-0 0; target 0 2-2 0");
+              "250 Hz, 2 x 2, 1 EEG; E1 [V] -2.5e-06 2.5e-06 -3.5e-06 | 2 events: std@0 target@2");
 
     Bytes zeroRate = EgiHeader(4, 2, 1, {});
     zeroRate.put_u16le(20, 0).zeros(8);
@@ -201,16 +197,16 @@ TEST(BrainVisionEgiRealFiles, EpochsEventsAndUnits)
         const char* events;  // the beginning of the event list
     } kFiles[] = {
         {"brainvision/test.vhdr", "1000 Hz, 1 x 7900, 26 EEG",
-         "14 events: New Segment 0 0-0 0; Stimulus/S253 253 486-486 2; Stimulus/S255 255 496-497 2; "
-         "Event/254 254 1769-1770 2; Stimulus/S255 255 1779-1780 2; Event/254 254 3252-3253 2; "
-         "Stimulus/S255 255 3262-3263 2; Stimulus/S253 253 4935-4936 2; Stimulus/S255 255 4945-4946 2; "
-         "Response/R255 255 5999-6000 3; Event/254 254 6619-6620 2; Stimulus/S255 255 6629-6630 2; "
-         "SyncStatus/Sync On 0 7629-7630 2; Optic/O  1 1 7699-7700 2"},
+         "14 events: New Segment@0 Stimulus/S253@486#253/2 Stimulus/S255@496..497#255/2 Event/254@1769..1770#254/2 "
+         "Stimulus/S255@1779..1780#255/2 Event/254@3252..3253#254/2 Stimulus/S255@3262..3263#255/2 "
+         "Stimulus/S253@4935..4936#253/2 Stimulus/S255@4945..4946#255/2 Response/R255@5999..6000#255/3 "
+         "Event/254@6619..6620#254/2 Stimulus/S255@6629..6630#255/2 SyncStatus/Sync On@7629..7630/2 "
+         "Optic/O  1@7699..7700#1/2"},
         {"brainvision/test_old_layout_latin1_software_filter.vhdr", "250 Hz, 1 x 251, 29 EEG",
-         "2 events: New Segment 0 0-0 0; New Segment 0 1-1 0"},
+         "2 events: New Segment@0 New Segment@1"},
         {"brainvision/File_brainvision_3_int16.vhdr", "256 Hz, 34 x 294, 15 EEG",
-         "102 events: New Segment 0 0-0 0; Time 0 0 38-39 2; Trigger/1 1 38-39 2; New Segment 0 294-294 0"},
-        {"egi/test_egi.raw", "250 Hz, 1 x 77, 256 EEG", "2 events: TRSP 4 19-19 2; XXX1 5 57-57 2"},
+         "102 events: New Segment@0 Time 0@38..39/2 Trigger/1@38..39#1/2 New Segment@294"},
+        {"egi/test_egi.raw", "250 Hz, 1 x 77, 256 EEG", "2 events: TRSP@19#4/2 XXX1@57#5/2"},
     };
     for (const auto& c : kFiles) {
         const std::string summary = Summary(d + c.file, c.file[0] == 'e' ? 44 : 29);

@@ -38,17 +38,10 @@ MemoryReader PulseReader()
 }
 }  // namespace
 
-TEST(ecCalibration, DefaultsAndWriteXml)
+// The record a generic header carries: written and read back whole.
+TEST(ecCalibration, WriteXmlReadsBack)
 {
     ecCalibration cal;
-    std::ostringstream out;
-    EXPECT_TRUE(cal.WriteXml(out));
-    EXPECT_EQ(out.str(),
-              "<ORVA_Calibration><bSkipCalib>1</bSkipCalib><bDerived>0</bDerived><fCalAmp>0</fCalAmp>"
-              "<iCalMode>0</iCalMode><sCalFile></sCalFile><fBaseStart>0</fBaseStart><fBaseStop>0</fBaseStop>"
-              "<fSigStart>0</fSigStart><fSigStop>0</fSigStop><iNumEvt>0</iNumEvt><CalEvtCodes></CalEvtCodes>"
-              "</ORVA_Calibration>");
-
     cal.SetDerived(true);
     cal.SetSkipCalib(false);
     cal.SetCalAmp(0.5f);
@@ -57,7 +50,7 @@ TEST(ecCalibration, DefaultsAndWriteXml)
     cal.SetFactors({2.0f, 0.25f});
     cal.SetOffsets({-1.5f, 3.0f});
     std::ostringstream derived;
-    cal.WriteXml(derived);
+    ASSERT_TRUE(cal.WriteXml(derived));
     EXPECT_NE(derived.str().find("<iNumEvt>2</iNumEvt><CalEvtCodes><evt>7</evt><evt>Cal</evt></CalEvtCodes>"
                                  "<iNumChans>2</iNumChans><CalFactorList><chan><label>A</label><factor>2</factor>"
                                  "<offset>-1.5</offset></chan><chan><label>B</label><factor>0.25</factor><offset>3"

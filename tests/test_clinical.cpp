@@ -2,25 +2,14 @@
 // ../shared/data do not show.
 #include <gtest/gtest.h>
 
-#include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 #include "fixtures/ClinicalFiles.h"
 #include "fixtures/Describe.h"
 #include "fixtures/Errors.h"
+#include "fixtures/Exercise.h"
 #include "fixtures/SharedData.h"
 
 namespace {
-// As the filelib program opens a file: detection, else the never-probed reader of its extension.
-int Open(CFilelib& f, const std::string& path)
-{
-    std::string name = path;
-    const int detected = f.GuessFileMFR(name);
-    f.SetInputFileName(path.c_str());
-    f.SetFileSource(detected ? detected : UnprobedReaderByExtension(path));
-    f.Initialize(0);
-    return static_cast<int>(f.GetFileSource());
-}
-
 std::string Replaced(std::string text, const std::string& from, const std::string& to)
 {
     return text.replace(text.find(from), from.size(), to);
@@ -49,7 +38,7 @@ TEST(Clinical, LayoutsSamplesAndEvents)
         WriteTextFile(dir.path(c.header), c.text);
         Bytes().zeros(c.code == 25 ? 3 : 4).append(Ints({10, -20, 30, -40, 50})).write(dir.path(c.data));
         CFilelib f;
-        ASSERT_EQ(Open(f, dir.path(c.opened)), c.code);
+        ASSERT_EQ(OpenRecording(f, dir.path(c.opened)), c.code);
         EXPECT_EQ(ChannelsOf(f), c.channels);
         ecLabeledMatrix<float> m;
         ASSERT_EQ(f.ReadData(m, 0, 5), 2);
@@ -79,7 +68,7 @@ TEST(Clinical, FailuresNameTheirCause)
     for (const auto& c : cases) {
         WriteTextFile(dir.path(c.file), c.text);
         CFilelib f;
-        EXPECT_EQ(Message([&] { Open(f, dir.path(c.file)); }), c.says);
+        EXPECT_EQ(Message([&] { OpenRecording(f, dir.path(c.file)); }), c.says);
     }
     CFilelib unnamed;  // the factory hands the reader the facade's (empty) file name
     unnamed.SetFileSource(25);
@@ -102,7 +91,7 @@ TEST(Clinical, RealRecordingsTypesAndCommentTexts)
                   "Clip1@746..847#65536/2"}};
     for (const auto& r : files) {
         CFilelib f;
-        Open(f, data + r.file);
+        OpenRecording(f, data + r.file);
         EXPECT_EQ(f.GetNumChans(kChanEEG), r.eeg) << r.file;
         EXPECT_EQ(f.GetNumChans(kChanTrigger), r.trigger) << r.file;
         if (!r.events.empty()) {

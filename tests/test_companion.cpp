@@ -6,6 +6,7 @@
 #include "companion/Utility.h"
 #include "companion/Xml.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/Describe.h"
 #include "fixtures/Errors.h"
 
 namespace {
@@ -91,18 +92,12 @@ TEST(Events, StableSortBinaryCodesAndBoundaries)
     EXPECT_EQ(list.GetEventCnt(true), 4);
     EXPECT_EQ(list.GetEventCnt(false), 3);
     list.SortEventListInTimelyOrder("");
-    EXPECT_EQ(list.GetEvent(0).GetEventName(), "first-at-10");
-    EXPECT_EQ(list.GetEvent(1).GetEventName(), "second-at-10");
-    EXPECT_EQ(list.GetEvent(2).GetEventName(), "New Segment");
+    EXPECT_EQ(EventsText(list), "first-at-10@10..50#1 second-at-10@10..12#2 New Segment@20 late@30..31#5");
     EXPECT_TRUE(list.GetEvent(2).IsSegmentBoundary());
-    EXPECT_EQ(list.GetEvent(2).GetEnd(), 20);
     list.SortEventListInTimelyOrder("End");
-    EXPECT_EQ(list.GetEvent(0).GetEventName(), "second-at-10");
-    EXPECT_EQ(list.GetEvent(3).GetEventName(), "first-at-10");
-
+    EXPECT_EQ(EventsText(list), "second-at-10@10..12#2 New Segment@20 late@30..31#5 first-at-10@10..50#1");
     list.ConvertCodesToBinary(4);
-    EXPECT_EQ(list.GetEvent(0).GetEventName(), "0010");
-    EXPECT_EQ(list.GetEvent(2).GetEventName(), "0101");
+    EXPECT_EQ(EventsText(list), "0010@10..12#2 0000@20 0101@30..31#5 0001@10..50#1");
     list.Clear();
     EXPECT_EQ(list.GetEventCnt(true), 0);
 }
@@ -120,11 +115,7 @@ TEST(Events, ReadEventFile)
     EXPECT_FALSE(list.ReadEventFile(dir.path("none.evt").c_str(), false));
     EXPECT_EQ(list.GetEventCnt(true), 1);
     ASSERT_TRUE(list.ReadEventFile(dir.path("ok.evt").c_str(), true));
-    ASSERT_EQ(list.GetEventCnt(true), 3);
-    EXPECT_EQ(list.GetEvent(1).GetEventName(), "Stim A");
-    EXPECT_EQ(list.GetEvent(1).GetEnd(), 110);
-    EXPECT_EQ(list.GetEvent(2).GetEnd(), 200);
-    EXPECT_EQ(list.GetEvent(2).GetKind(), 2);
+    EXPECT_EQ(EventsText(list), "keep@0 Stim A@100..110#3/2 R1@200#1/2");
     ASSERT_TRUE(list.ReadEventFile(dir.path("ok.evt").c_str(), false));
     EXPECT_EQ(list.GetEventCnt(true), 2);
 }

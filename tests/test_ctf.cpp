@@ -5,6 +5,7 @@
 #include "filelib/filelib.h"
 #include "fixtures/CtfFiles.h"
 #include "fixtures/Describe.h"
+#include "fixtures/Exercise.h"
 #include "fixtures/SharedData.h"
 
 namespace {
@@ -18,18 +19,13 @@ std::string WriteSeed(const TempDir& dir)
     return dir.path("f.ds");
 }
 int32_t Ramp(int trial, int, int sample) { return trial * 2 + sample; }  // a clock running on over trials
-void Open(CFilelib& f, std::string name)
-{
-    ASSERT_EQ(f.GuessFileMFR(name), kMfrCTF);
-    f.Initialize(0);
-}
 }  // namespace
 
 TEST(CTF, TrialsOverTwoDataFilesWithMarkersBadChannelAndBadSegment)
 {
     TempDir dir;
     CFilelib f;
-    Open(f, WriteSeed(dir));
+    ASSERT_EQ(OpenRecording(f, WriteSeed(dir)), kMfrCTF);
     EXPECT_EQ(f.GetRunType(), 2u);
     EXPECT_EQ(f.GetNumEpochs(), 3);
     EXPECT_EQ(f.GetEpochSlices(), 4);
@@ -51,7 +47,7 @@ TEST(CTF, TrialsThatFollowOnTheClockAreOneContinuousEpoch)
     CtfRes4({{"SCLK01-177", 17, 1}}, 2, 100, 0).write(dir.path("c.ds/c.res4"));
     CtfMeg4(0, 3, 1, 2, Ramp).write(dir.path("c.ds/c.meg4"));
     CFilelib f;
-    Open(f, dir.path("c.ds/c.res4"));
+    ASSERT_EQ(OpenRecording(f, dir.path("c.ds/c.res4")), kMfrCTF);
     EXPECT_EQ(f.GetRunType(), 4u);
     EXPECT_EQ(f.GetNumSlices(), 6);
     EXPECT_EQ(EventsOf(f), "");
@@ -61,7 +57,7 @@ TEST(CTF, RealDatasetKeepsItsTwoDiscontinuousTrials)
 {
     SHARED_DATA_OR_SKIP(data, "ctf/testdata_ctf_short_discontinuous.ds");
     CFilelib f;
-    Open(f, data);
+    ASSERT_EQ(OpenRecording(f, data), kMfrCTF);
     EXPECT_EQ(f.GetNumEpochs(), 2);
     EXPECT_EQ(f.GetEpochSlices(), 1201);
     EXPECT_EQ(ChannelsOf(f, {1, 3, 4, 40, 305}),

@@ -6,6 +6,7 @@
 
 #include "filelib/filelib.h"
 #include "fixtures/DaqFiles.h"
+#include "fixtures/Describe.h"
 #include "fixtures/Errors.h"
 #include "fixtures/SharedData.h"
 
@@ -123,10 +124,7 @@ TEST(WinDaq, NormalAndHiResSamplesAndTrailerMarkers)
                 const double reading = hiRes ? stored / 4 : std::floor(stored / 4);
                 EXPECT_FLOAT_EQ(o.m[c][t], c ? 2 * reading - 1 : 0.5 * reading + 10);
             }
-        ecEventList events;
-        ASSERT_EQ(o.f.InitialEventList(&events, nullptr), 2);
-        EXPECT_EQ(events.GetEvent(0).GetEventName() + "@" + std::to_string(events.GetEvent(0).GetBegin()), "stop@2");
-        EXPECT_EQ(events.GetEvent(1).GetEventName() + "@" + std::to_string(events.GetEvent(1).GetBegin()), "Marker@1");
+        EXPECT_EQ(EventsOf(o.f), "stop@2#1/2 Marker@1#2/2");
     }
     WinDaqFile(false, {{"A", "V"}}, {{1}}, 0.01, {5}).write(dir.path("bad.wdq"));
     EXPECT_EQ(Message([&] { Opened(dir.path("bad.wdq"), 18, false); }),
@@ -144,26 +142,8 @@ TEST(WinDaq, RealFilesUnitsValuesAndMarkers)
                              1153.948743718593};
     for (int c = 0; c < 6; ++c)
         EXPECT_NEAR(o.m[c][0], first[c], 1e-5 * std::fabs(first[c])) << o.Name(c);
-    ecEventList events;
-    o.f.InitialEventList(&events, nullptr);
-    std::string listed;
-    for (int i = 0; i < events.GetEventCnt(); ++i)
-        listed += events.GetEvent(i).GetEventName() + "@" + std::to_string(events.GetEvent(i).GetBegin()) + " ";
-    EXPECT_EQ(listed, "begin test@198 stop@779 go@1084 stop@1503 go@1806 ride in park@2571 ");
+    EXPECT_EQ(EventsOf(o.f), "begin test@198#1/2 stop@779#2/2 go@1084#3/2 stop@1503#4/2 go@1806#5/2 ride in park@2571#6/2");
 }
-
-namespace {
-std::string Listed(CFilelib& f)
-{
-    ecEventList events;
-    f.InitialEventList(&events, nullptr);
-    std::string out;
-    for (int i = 0; i < events.GetEventCnt(); ++i)
-        out += events.GetEvent(i).GetEventName() + "/" + std::to_string(events.GetEvent(i).GetEventCode()) + "@" +
-               std::to_string(events.GetEvent(i).GetBegin()) + " ";
-    return out;
-}
-}  // namespace
 
 // The seeds: two slow channels whose blocks lie at different times (zeros where none is), raw
 // counts with the version's header gain as the scale; spikes and strobed words as events; a
@@ -173,8 +153,8 @@ TEST(Plexon, VersionsBlockTablesEventsAndSpikesOnly)
     TempDir dir;
     const DaqSeeds seeds = PlexonSeeds();
     struct Case { float gain0, gain1; const char* events; } cases[] = {
-        {0.30517578125f, 2.44140625f, "sig001 unit 2/1@2 Strobed/513@6 "},
-        {0.001220703125f, 0.00244140625f, "Channel 1 unit 2/1@2 Event 257/513@6 "},
+        {0.30517578125f, 2.44140625f, "sig001 unit 2@2#1/2 Strobed@6#513/2"},
+        {0.001220703125f, 0.00244140625f, "Channel 1 unit 2@2#1/2 Event 257@6#513/2"},
     };
     for (size_t k = 0; k < 2; ++k) {
         SCOPED_TRACE(seeds[k].first);
@@ -188,13 +168,13 @@ TEST(Plexon, VersionsBlockTablesEventsAndSpikesOnly)
         const float values[2][7] = {{1, -2, 3, 0, 0, 4, 5}, {0, 0, 0, -9, 0, 0, 0}};
         for (int t = 0; t < 7; ++t)
             EXPECT_EQ(o.m[0][t] * 100 + o.m[1][t], values[0][t] * 100 + values[1][t]) << t;
-        EXPECT_EQ(Listed(o.f), cases[k].events);
+        EXPECT_EQ(EventsOf(o.f), cases[k].events);
     }
     Bytes().raw(seeds[2].second).write(dir.path("s.plx"));
     Opened o(dir.path("s.plx"), 37);
     EXPECT_EQ(o.f.GetNumChans(), 0);
     EXPECT_FLOAT_EQ(o.f.GetSampleRate(), 40000.0f);
-    EXPECT_EQ(Listed(o.f), "sig001 unit 0/1@40 sig001 unit 1/1@4294967296 ");
+    EXPECT_EQ(EventsOf(o.f), "sig001 unit 0@40#1/2 sig001 unit 1@4294967296#1/2");
 }
 
 // The README's reading of the real file: V1 in raw counts (Neo's raw values), 2.44140625 per
@@ -205,9 +185,9 @@ TEST(Plexon, RealFileRawCountsAndSpikes)
     Opened o(data + "File_plexon_3.plx", 37);
     EXPECT_EQ(std::vector<float>(o.m[0], o.m[0] + 4), (std::vector<float>{668, 625, 569, 482}));
     EXPECT_EQ(o.f.GetChanScale(0), 2.44140625f);
-    const std::string listed = Listed(o.f);
+    const std::string listed = EventsOf(o.f);
     size_t spikes = 0;
-    for (size_t at = listed.find("Wspk1u unit 0/"); at != std::string::npos; at = listed.find("Wspk1u unit 0/", at + 1))
+    for (size_t at = listed.find("Wspk1u unit 0@"); at != std::string::npos; at = listed.find("Wspk1u unit 0@", at + 1))
         ++spikes;
     EXPECT_EQ(spikes, 701u);
 }

@@ -4,8 +4,10 @@
 
 #include "filelib/filelib.h"
 #include "filelib/readers/EDF_BDF.h"
+#include "fixtures/Describe.h"
 #include "fixtures/EdfFiles.h"
 #include "fixtures/Errors.h"
+#include "fixtures/Exercise.h"
 #include "fixtures/SharedData.h"
 
 using namespace std::string_literals;
@@ -36,21 +38,6 @@ std::string Write(const TempDir& dir, const std::string& name, const EdfSpec& sp
     EdfFile(spec).write(dir.path(name));
     return dir.path(name);
 }
-
-std::vector<std::string> Names(const ecEventList& list)
-{
-    std::vector<std::string> out;
-    for (int i = 0; i < list.GetEventCnt(true); ++i)
-        out.push_back(list.GetEvent(i).GetEventName() + "@" + std::to_string(list.GetEvent(i).GetBegin()) + "-" +
-                      std::to_string(list.GetEvent(i).GetEnd()));
-    return out;
-}
-
-void Open(CFilelib& f, std::string path, int code)
-{
-    ASSERT_EQ(f.GuessFileMFR(path), code) << path;
-    f.Initialize(0);
-}
 }  // namespace
 
 // EDF lists its annotation signal last and the facade hides it; BDF does not list it. Either
@@ -66,7 +53,7 @@ TEST(EDF, TheFacadeDeliversOneRowPerChannelItCounts)
         spec.signals = {Annotations(8, {"+0\x14\x14"}), Sig("Fz", 2, {1, 2})};
         spec.signals[0].label = bdf ? "BDF Annotations" : "EDF Annotations";
         CFilelib f;
-        Open(f, Write(dir, bdf ? "a.bdf" : "a.edf", spec), bdf ? 22 : 21);
+        ASSERT_EQ(OpenRecording(f, Write(dir, bdf ? "a.bdf" : "a.edf", spec)), bdf ? 22 : 21);
         auto* reader = dynamic_cast<CEDF_BDF*>(f.GetActiveFile());
         EXPECT_EQ(reader->GetBytesPerSample(), bdf ? 3 : 2);
         EXPECT_EQ(reader->GetAnnotationSignal(), bdf ? -1 : 1);
@@ -132,7 +119,8 @@ TEST(EDF, PhysicalValuesAndTriggerCodes)
             continue;
         EXPECT_EQ(std::vector<float>(m[0], m[0] + 5), row.codes);
         ASSERT_EQ(r.InitialEventList(&events, nullptr), 2);
-        EXPECT_EQ(Names(events)[1], std::to_string(static_cast<int>(row.codes[4])) + "@4-4");
+        const std::string code = std::to_string(static_cast<int>(row.codes[4]));
+        EXPECT_EQ(EventsText(events, 1), code + "@4#" + code + "/2");
     }
 }
 
@@ -180,12 +168,8 @@ TEST(EDF, AnnotationsCountFromTheFirstRecordAndSurviveMissingSeparators)
                                      "x\x14"s})};
     CEDF_BDF r(Write(dir, "a.edf", spec).c_str());
     r.Initialize(0);
-    ecEventList events;
-    ASSERT_EQ(r.InitialEventList(&events, nullptr), 7);
-    EXPECT_EQ(Names(events), (std::vector<std::string>{"early@-5--5", "A@5-8", "B@5-8", "A@12-12", "late@15-15",
-                                                       "A@18-28", "x@19-29"}));
-    EXPECT_EQ(events.GetEvent(3).GetEventCode(), events.GetEvent(1).GetEventCode());  // same text, same code
-    EXPECT_EQ(events.GetEvent(2).GetEventCode(), 2);
+    // The same text has the same code.
+    EXPECT_EQ(EventsOf(r), "early@-5#3/2 A@5..8#1/2 B@5..8#2/2 A@12#1/2 late@15#4/2 A@18..28#1/2 x@19..29#5/2");
 }
 
 TEST(EDF, DiscontinuousRecordsKeepTheirGaps)
@@ -286,30 +270,29 @@ TEST(EDFRealFiles, ChannelTypesEventNamesAndTriggers)
     const struct {
         const char* file;
         int code, eeg, annotations, triggers;
-        std::vector<std::string> first;  // of the annotations, then of the triggers
+        std::string first;  // of the annotations, then of the triggers
     } rows[] = {
         // clang-format off
-        {"edf/test.edf", 21, 138, 5, 13, {"start@0-0", "type A@69-200", "type A@200-712", "type B@1024-1024",
-                                          "type A@1280-2560", "4096@512-512"}},
-        {"edf/test_utf8_annotations.edf", 21, 11, 2, 0, {"RECORD START@0-0", "\xE4\xBB\xB0\xE5\x8D\xA7@400-500"}},
-        {"edf/SC4001EC-Hypnogram.edf", 21, 0, 154, 0, {"Sleep stage W@0-30630000", "Sleep stage 1@30630000-30750000"}},
-        {"edf/test_edf_stim_channel.edf", 21, 24, 0, 12, {"100@121-121", "100@170-170", "100@193-193"}},
-        {"bdf/test.bdf", 22, 72, 0, 1, {"128@589-589"}},
-        {"bdf/test_bdf_stim_channel.bdf", 22, 3, 0, 9, {"4@242-242", "2@310-310", "1@952-952"}},
+        {"edf/test.edf", 21, 138, 5, 13, "start@0#1/2 type A@69..200#2/2 type A@200..712#2/2 type B@1024#3/2 "
+                                         "type A@1280..2560#2/2 4096@512#4096/2"},
+        {"edf/test_utf8_annotations.edf", 21, 11, 2, 0, "RECORD START@0#1/2 \xE4\xBB\xB0\xE5\x8D\xA7@400..500#2/2"},
+        {"edf/SC4001EC-Hypnogram.edf", 21, 0, 154, 0, "Sleep stage W@0..30630000#1/2 Sleep stage 1@30630000..30750000#2/2"},
+        {"edf/test_edf_stim_channel.edf", 21, 24, 0, 12, "100@121#100/2 100@170#100/2 100@193#100/2"},
+        {"bdf/test.bdf", 22, 72, 0, 1, "128@589#128/2"},
+        {"bdf/test_bdf_stim_channel.bdf", 22, 3, 0, 9, "4@242#4/2 2@310#2/2 1@952#1/2"},
         // clang-format on
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.file);
         CFilelib f;
-        Open(f, data + row.file, row.code);
+        ASSERT_EQ(OpenRecording(f, data + row.file), row.code);
         EXPECT_EQ(f.GetNumChans(kChanEEG), row.eeg);
         ecEventList events, words, analogue;
         ASSERT_EQ(f.InitialEventList(&events, nullptr), row.annotations + row.triggers);
-        const std::vector<std::string> names = Names(events);
-        EXPECT_EQ(std::vector<std::string>(names.begin(), names.begin() + row.first.size()), row.first);
+        EXPECT_EQ(EventsText(events).substr(0, row.first.size()), row.first);
         f.GetActiveFile()->FindAllTriggersDig(&words, 2, 0.5f, 0, false, -1, nullptr);
         f.GetActiveFile()->FindAllTriggers(&analogue, 0, 0.5f, 0, false, nullptr);
-        EXPECT_EQ(Names(words), std::vector<std::string>(names.begin() + row.annotations, names.end()));
+        EXPECT_EQ(EventsText(words), EventsText(events, row.annotations));
         ASSERT_EQ(analogue.GetEventCnt(true), row.triggers);
         for (int i = 0; i < row.triggers; ++i)
             EXPECT_EQ(analogue.GetEvent(i).GetBegin(), events.GetEvent(row.annotations + i).GetBegin());

@@ -8,6 +8,7 @@
 #include "filelib/filelib.h"
 #include "filelib/readers/ERPSS.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/Describe.h"
 #include "fixtures/VendorFiles.h"
 
 namespace {
@@ -67,12 +68,7 @@ TEST(ERPSS, CompressedAndPlainFilesReadIdenticallyThroughTheFacade)
         for (int t = 0; t < 5; ++t)
             for (int c = 0; c < 3; ++c)
                 EXPECT_EQ(m[c][t], static_cast<float>((t < 2 ? r1.slices[t + 1] : r2.slices[t - 2])[c]));
-        ecEventList events;
-        ASSERT_EQ(f.InitialEventList(&events, nullptr), 3);
-        std::string listed;
-        for (int i = 0; i < 3; ++i)
-            listed += events.GetEvent(i).GetEventName() + "@" + std::to_string(events.GetEvent(i).GetBegin()) + " ";
-        EXPECT_EQ(listed, "1-7@0 PAUSE@2 DELETE@4 ");
+        EXPECT_EQ(EventsOf(f), "1-7@0#7/2 PAUSE@2#65535/2 DELETE@4#65534/2");
     }
 }
 

@@ -8,6 +8,7 @@
 #include "filelib/filelib.h"
 #include "filelib/readers/Neuromag_FIFF.h"
 #include "fixtures/Bytes.h"
+#include "fixtures/Describe.h"
 #include "fixtures/SharedData.h"
 #include "fixtures/VendorFiles.h"
 
@@ -177,19 +178,18 @@ TEST(FIFF, RawAndAveragedData)
         float preStim, scale;
         long firstSample;
         std::vector<float> meg, stim;                            // from slice 1 on
-        std::vector<std::tuple<int, long, std::string>> events;  // kind, begin, name
+        std::string events;
     };
     std::vector<Case> cases = {{raw, 4, 1, 15, 0, 6e-12f, 3000, {-2, 3, 0, 0, 0, 10, 20, 30, 1.5f, 2.5f, 3.5f, -1, -2, -3},
                                 {0, 4, 0, 0, 0, 0, 8, 8, 2, 2, 0, 0, 1, 1},
-                                {{2, 2, "4"}, {2, 7, "8"}, {2, 13, "1"}}}};  // rises only
+                                "4@2#4/2 8@7#8/2 1@13#1/2"}};  // rises only
     for (bool matrix : {true, false}) {
         Fiff one = MeasInfo().block(kProcessed);
         Evoked(one, "aud", -1, 1, {{1, 2, 3}, {0, 4, 0}}, matrix);
         Fiff two = one;
         Evoked(two, "vis", -1, 1, {{-1, -2, -3}, {0, 0, 8}}, matrix);
-        cases.push_back({one, 1, 1, 3, -0.002f, 2e-12f, -1, {2, 3}, {4, 0}, {{0, 0, "aud"}}});
-        cases.push_back({two, 2, 2, 3, -0.002f, 2e-12f, -1, {2, 3, -1, -2, -3}, {4, 0, 0, 0, 8},
-                         {{0, 0, "aud"}, {0, 3, "vis"}}});
+        cases.push_back({one, 1, 1, 3, -0.002f, 2e-12f, -1, {2, 3}, {4, 0}, "aud@0"});
+        cases.push_back({two, 2, 2, 3, -0.002f, 2e-12f, -1, {2, 3, -1, -2, -3}, {4, 0, 0, 0, 8}, "aud@0 vis@3"});
     }
     for (const Case& c : cases) {
         Walked w(Fiff(c.file).endBlock(kMeas).end(), false);
@@ -208,12 +208,7 @@ TEST(FIFF, RawAndAveragedData)
             EXPECT_FLOAT_EQ(m[0][t], c.meg[t] * c.scale) << t;
             EXPECT_EQ(m[1][t], c.stim[t]) << t;
         }
-        ecEventList events;
-        ASSERT_EQ(r.InitialEventList(&events, nullptr), static_cast<int>(c.events.size()));
-        for (size_t i = 0; i < c.events.size(); ++i) {
-            const ecEvent& e = events.GetEvent(static_cast<int>(i));
-            EXPECT_EQ(std::make_tuple(e.GetKind(), e.GetBegin(), e.GetEventName()), c.events[i]);
-        }
+        EXPECT_EQ(EventsOf(r), c.events);
     }
 }
 
@@ -297,10 +292,7 @@ TEST(FIFFRealFiles, KindsFirstSampleEventCodesAndUnits)
         EXPECT_EQ(dynamic_cast<ecNeuromag_FIFF*>(f.GetActiveFile())->GetFirstSampleNumber(), firstSample);
         if (meg != 3)
             continue;
-        ecEventList list;
-        ASSERT_GT(f.InitialEventList(&list, nullptr), 5);
-        for (const auto& [i, code] : {std::pair{0, 2}, {2, 32}, {5, 128}})
-            EXPECT_EQ(list.GetEvent(i).GetEventCode(), code);
+        EXPECT_EQ(EventsOf(f, 0, 6), "2@483#2/2 2@979#2/2 32@1451#32/2 16@1975#16/2 64@2506#64/2 128@2913#128/2");
         std::string unit;
         f.GetChanUnit(1, unit);
         EXPECT_EQ(unit, "T/m");

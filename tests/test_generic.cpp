@@ -8,6 +8,7 @@
 #include "filelib/GenericExport.h"
 #include "filelib/filelib.h"
 #include "filelib/readers/Generic.h"
+#include "fixtures/Describe.h"
 #include "fixtures/GenericFiles.h"
 
 namespace {
@@ -178,10 +179,8 @@ TEST(CGenericData, EpochsSlicesAndTheirMessages)
     ecEventList events;
     WriteTextFile(path + ".evt", "Stim 7 3\n");
     EXPECT_EQ(g.InitialEventList(&events, nullptr), 4);
+    EXPECT_EQ(EventsText(events), "New Segment@0 New Segment@2 New Segment@4 Stim@3#7/2");
     EXPECT_TRUE(events.GetEvent(1).IsSegmentBoundary());
-    EXPECT_EQ(events.GetEvent(1).GetBegin(), 2);
-    EXPECT_EQ(events.GetEvent(3).GetEventName(), "Stim");
-    EXPECT_EQ(events.GetEvent(3).GetBegin(), 3);
 }
 
 // The file shrinks under an initialised reader (far from stdio's buffered window).
@@ -230,23 +229,19 @@ TEST(GenericExport, WritesAPairThatReadsBackThroughDetection)
     EXPECT_EQ(progress.steps, 1);
 
     CFilelib back;
-    std::string outName = out, n1;
+    std::string outName = out;
     ASSERT_EQ(back.GuessFileMFR(outName), 2);
     back.Initialize(0);
-    EXPECT_EQ(std::vector<long>({back.GetRunType(), back.GetNumEpochs(), back.GetDataFormat(), back.GetChanType(1)}),
-              std::vector<long>({2, 3, kFmtFloat, 0x200}));
-    back.GetChanName(1, n1);
-    EXPECT_EQ(n1, "B&C");  // escaped when written
+    EXPECT_EQ(std::vector<long>({back.GetRunType(), back.GetNumEpochs(), back.GetDataFormat()}),
+              std::vector<long>({2, 3, kFmtFloat}));
+    EXPECT_EQ(ChannelsOf(back), "A/V/1024 B&C/V/512 D/V/32768");  // "&" escaped when written
     ecLabeledMatrix<float> a, b;
     ASSERT_EQ(src.ReadData(a, 0, 6), 6);
     ASSERT_EQ(back.ReadData(b, 0, 6), 6);
     for (int c = 0; c < 3; ++c)
         for (int t = 0; t < 6; ++t)
             EXPECT_EQ(a[c][t], b[c][t]);
-    ecEventList events;
-    EXPECT_EQ(back.InitialEventList(&events, nullptr), 4);
-    EXPECT_EQ(events.GetEvent(3).GetEventName(), "Stim A");
-    EXPECT_EQ(events.GetEvent(3).GetEventCode(), 5);
+    EXPECT_EQ(EventsOf(back), "New Segment@0 New Segment@2 New Segment@4 Stim A@4#5/2");
 
     struct Cancel : ecProgressDlg {
         bool CheckCancelButton() override { return true; }

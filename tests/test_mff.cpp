@@ -8,16 +8,9 @@
 #include "fixtures/Bytes.h"
 #include "fixtures/Describe.h"
 #include "fixtures/Errors.h"
+#include "fixtures/Exercise.h"
 #include "fixtures/MffFiles.h"
 #include "fixtures/SharedData.h"
-
-namespace {
-void Open(CFilelib& f, std::string name)
-{
-    EXPECT_EQ(f.GuessFileMFR(name), kMfrEGI);
-    f.Initialize(0);
-}
-}  // namespace
 
 // Two epochs (3 + 2 stored samples, a pause between), the PNS a sample short, the second block
 // with a header of its own; an event in the pause lands on the second epoch's first slice.
@@ -35,7 +28,7 @@ TEST(Mff, PausedRecordingWithPnsOnTheStoredTimeline)
     spec.events = {{4000, "SESS", "go"}, {1000000, "bgin", ""}, {5000000, "SESS", ""}, {9000000, "late", ""}};
     WriteMff(dir.path("r"), spec);
     CFilelib f;
-    Open(f, dir.path("r.mff/"));
+    ASSERT_EQ(OpenRecording(f, dir.path("r.mff/")), kMfrEGI);
     EXPECT_EQ(f.GetNumSlices(), 4);  // ends with the PNS
     EXPECT_EQ(f.GetRunType(), 4u);
     EXPECT_EQ(f.GetReferenceChannel(), 2);
@@ -63,7 +56,7 @@ TEST(Mff, SegmentsAveragesAndMissingFiles)
     spec.averaged = true;
     WriteMff(dir.path("a"), spec);
     CFilelib two;
-    Open(two, dir.path("a.mff/info.xml"));
+    ASSERT_EQ(OpenRecording(two, dir.path("a.mff/info.xml")), kMfrEGI);
     EXPECT_EQ(two.GetRunType(), 2u);
     EXPECT_EQ(two.GetNumEpochs(), 2);
     EXPECT_FLOAT_EQ(two.GetPreStim(), 0.008f);
@@ -74,7 +67,7 @@ TEST(Mff, SegmentsAveragesAndMissingFiles)
     WriteMff(dir.path("b"), spec);
     std::string name = dir.path("b.mff");
     CFilelib one;
-    Open(one, name);
+    ASSERT_EQ(OpenRecording(one, name), kMfrEGI);
     EXPECT_EQ(one.GetRunType(), 1u);
     std::remove((name + "/signal1.bin").c_str());
     EXPECT_EQ(Message([&] { CFilelib().GuessFileMFR(name); }),
@@ -88,7 +81,7 @@ TEST(Mff, PausedRealRecordingEvents)
 {
     SHARED_DATA_OR_SKIP(data, "mff/test_egi_multiepoch_paused.mff");
     CFilelib f;
-    Open(f, data + "signal1.bin");
+    ASSERT_EQ(OpenRecording(f, data + "signal1.bin"), kMfrEGI);
     ecEventList events;
     ASSERT_EQ(f.InitialEventList(&events, nullptr), 26);
     EXPECT_EQ(EventsText(events, 1, 4), "New Segment@326 New Segment@2048 SESS:assr-am@220#1/2 CELL:TARG@222#2/2");

@@ -14,8 +14,8 @@
 #include <map>
 #include <sstream>
 
-#include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
+#include "fixtures/Exercise.h"
 #include "fixtures/Json.h"
 #include "fixtures/SharedData.h"
 
@@ -101,18 +101,6 @@ std::vector<std::string> ExpectedFiles()
         closedir(d);
     }
     return out;
-}
-
-// Detection, then (as the filelib program does) the never-probed reader of the file's extension.
-bool Open(CFilelib& f, const std::string& path)
-{
-    std::string name = path;
-    if (f.GuessFileMFR(name) == 0)
-        f.SetFileSource(UnprobedReaderByExtension(path));
-    if (f.GetFileSource() == 0)
-        return false;
-    f.Initialize(0);
-    return true;
 }
 
 // MNE where it reads the format, else the one peer that does; where none reads it, MNE's
@@ -222,7 +210,7 @@ TEST(RealFiles, ChannelsLengthAndFirstSamplesAgreeWithThePeers)
             continue;  // what such files must do is tested with their reader
         const std::string base = file.substr(file.rfind('/') + 1);
         CFilelib f;
-        ASSERT_TRUE(Open(f, kData + file));
+        ASSERT_NE(OpenRecording(f, kData + file), 0);
         std::vector<std::string> theirNames;
         for (const Json& n : mne["ch_names"].items)
             if (const Deviation* d = FindDeviation(base, n.text); !d || !d->notInTheFile)
@@ -310,7 +298,7 @@ TEST(RealFiles, EventsAgreeWithThePeerOfTheSameConvention)
         size_t total = 0;
         const std::vector<long> theirs = PeerOnsets(expected[source->peer], *source, total);
         CFilelib f;
-        ASSERT_TRUE(Open(f, kData + file));
+        ASSERT_NE(OpenRecording(f, kData + file), 0);
         ecEventList events;
         f.InitialEventList(&events, nullptr);
         std::vector<long> ours;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "filelib/ecFilebase.h"
+#include "fixtures/Describe.h"
 #include "fixtures/Errors.h"
 #include "fixtures/MemoryReader.h"
 
@@ -14,16 +15,6 @@ MemoryReader Triggers(std::vector<std::vector<float>> channels, size_t slices = 
     for (int c = 1; c < r.GetNumChans(); ++c)
         r.SetChanType(c, kChanTrigger);
     return r;
-}
-
-// "name@begin" of the events; the begins alone when `named` is false.
-std::vector<std::string> Listed(const ecEventList& list, bool named = false)
-{
-    std::vector<std::string> out;
-    for (int i = 0; i < list.GetEventCnt(true); ++i)
-        out.push_back((named ? list.GetEvent(i).GetEventName() + "@" : "") +
-                      std::to_string(list.GetEvent(i).GetBegin()));
-    return out;
 }
 
 struct CountingProgress : ecProgressDlg {
@@ -68,15 +59,12 @@ TEST(FindAllTriggers, SeveralChannelsDeadTimeAcrossBlocksProgressAndCancel)
     // 5010 is the next crossing (analogue: re-armed at 5009). Within a block the channels are
     // scanned one after the other; the event's name is the trigger channel's number.
     EXPECT_EQ(r.FindAllTriggers(&analogue, 7, 1.0f, 10, false, &progress), 6);
-    EXPECT_EQ(Listed(analogue, true),
-              (std::vector<std::string>{"1@10", "1@4998", "2@100", "1@5010", "1@5050", "2@10999"}));
-    EXPECT_EQ(std::vector<long>({analogue.GetEvent(0).GetEventCode(), analogue.GetEvent(0).GetEnd()}),
-              std::vector<long>({7, 10}));
+    EXPECT_EQ(EventsText(analogue), "1@10#7/2 1@4998#7/2 2@100#7/2 1@5010#7/2 1@5050#7/2 2@10999#7/2");
     EXPECT_EQ(std::vector<int>({progress.low, progress.high, progress.step, progress.steps}),
               std::vector<int>({0, 3, 1, 3}));
     // Digital rule, no dead time: 11 and 5001 follow non-zero values and do not fire.
     EXPECT_EQ(r.FindAllTriggers(&digital, 0, 1.0f, 0, true, nullptr), 6);
-    EXPECT_EQ(Listed(digital), Listed(analogue));
+    EXPECT_EQ(EventsText(digital), "1@10/2 1@4998/2 2@100/2 1@5010/2 1@5050/2 2@10999/2");
     cancel.cancelAfter = 1;
     EXPECT_EQ(r.FindAllTriggers(&cancelled, 0, 0.5f, 0, true, &cancel), 3);  // the first block only
     r.failReads = true;  // ReadData reports the end at once
@@ -97,18 +85,16 @@ TEST(FindAllTriggersDig, WordsRepeatedChangingMaskedAndMinimum)
         int deadTime;
         bool onsetsOnly;
         int mask;
-        std::vector<std::string> found;
-    } rows[] = {{1, 0, false, 0xFF, {"4@3", "6@5", "4@8", "5@10", "1@11"}},
-                {1, 0, true, 0xFF, {"4@3", "4@8"}},
-                {5, 0, false, -1, {"6@5", "260@8", "5@10"}},
-                {1, 3, false, 0xFF, {"4@3", "4@8"}}};
+        int count;
+        std::string found;
+    } rows[] = {{1, 0, false, 0xFF, 5, "4@3#4/2 6@5#6/2 4@8#4/2 5@10#5/2 1@11#1/2"},
+                {1, 0, true, 0xFF, 2, "4@3#4/2 4@8#4/2"},
+                {5, 0, false, -1, 3, "6@5#6/2 260@8#260/2 5@10#5/2"},
+                {1, 3, false, 0xFF, 2, "4@3#4/2 4@8#4/2"}};
     for (const auto& row : rows) {
         ecEventList list;
-        EXPECT_EQ(r.FindAllTriggersDig(&list, 2, row.minWord, row.deadTime, row.onsetsOnly, row.mask, nullptr),
-                  static_cast<int>(row.found.size()));
-        EXPECT_EQ(Listed(list, true), row.found);
-        EXPECT_EQ(std::vector<int>(
-                      {list.GetEvent(0).GetEventCode(), list.GetEvent(0).GetCodeMask(), list.GetEvent(0).GetKind()}),
-                  std::vector<int>({std::stoi(row.found[0]), row.mask, 2}));
+        EXPECT_EQ(r.FindAllTriggersDig(&list, 2, row.minWord, row.deadTime, row.onsetsOnly, row.mask, nullptr), row.count);
+        EXPECT_EQ(EventsText(list), row.found);
+        EXPECT_EQ(list.GetEvent(0).GetCodeMask(), row.mask);
     }
 }
