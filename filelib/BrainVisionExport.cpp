@@ -167,13 +167,13 @@ std::string BrainVisionWriter::MarkerText(const std::string& dataName) const
         m << "Mk" << ++number << "=" << Escaped(type) << "," << Escaped(description) << "," << begin + 1 << ","
           << size << ",0";
     };
-    const ecRecordingInfo& info = m_source.GetRecordingInfo();
-    if (info.date.size() == 10 && info.time.size() >= 8 && m_window.first == 0) {
-        std::string stamp = info.date.substr(0, 4) + info.date.substr(5, 2) + info.date.substr(8, 2) +
-                            info.time.substr(0, 2) + info.time.substr(3, 2) + info.time.substr(6, 2);
-        std::string fraction = info.time.size() > 9 ? info.time.substr(9, 6) : "";
+    const std::string& stated = m_source.GetRecordingInfo().time;
+    std::string date, time;
+    if (exportkit::WindowStart(m_source, m_window, date, time)) {
+        const std::string fraction = m_window.first == 0 && stated.size() > 9 ? stated.substr(9, 6) : "";
         marker("New Segment", "", 0, 1);
-        m << "," << stamp << fraction << std::string(6 - fraction.size(), '0') << "\r\n";
+        m << "," << date.substr(0, 4) << date.substr(5, 2) << date.substr(8, 2) << time.substr(0, 2)
+          << time.substr(3, 2) << time.substr(6, 2) << fraction << std::string(6 - fraction.size(), '0') << "\r\n";
     }
     for (long start : exportkit::EpochStarts(m_source, m_window)) {
         if (start > 0 || number == 0) {

@@ -398,7 +398,9 @@ std::string EdfWriter::PatientField() const
 std::string EdfWriter::RecordingField() const
 {
     const std::string& description = m_source.GetRecordingInfo().description;
-    return "Startdate " + DateField(m_source.GetRecordingInfo().date) + " X X X" +
+    std::string date, time;
+    exportkit::WindowStart(m_source, m_window, date, time);
+    return "Startdate " + DateField(date) + " X X X" +
            (description.empty() ? "" : " " + description);
 }
 
@@ -406,17 +408,14 @@ std::string EdfWriter::Header() const
 {
     const size_t ns = m_signals.size() + 1;
     std::string h(256 * (ns + 1), ' ');
-    const ecRecordingInfo& info = m_source.GetRecordingInfo();
-    const bool dated = DateField(info.date) != "X";
-    const bool timed = info.time.size() >= 8;
+    std::string date, time;
+    const bool dated = exportkit::WindowStart(m_source, m_window, date, time);
     size_t at = 0;
     Put(h, m_width.bytes == 3 ? std::string("\xFF" "BIOSEMI") : "0", 8, at);
     Put(h, Fit(PatientField(), 80, "patient field", m_warnings), 80, at);
     Put(h, Fit(RecordingField(), 80, "recording field", m_warnings), 80, at);
-    Put(h, dated ? info.date.substr(8, 2) + "." + info.date.substr(5, 2) + "." + info.date.substr(2, 2) : "01.01.85",
-        8, at);
-    Put(h, timed ? info.time.substr(0, 2) + "." + info.time.substr(3, 2) + "." + info.time.substr(6, 2) : "00.00.00",
-        8, at);
+    Put(h, dated ? date.substr(8, 2) + "." + date.substr(5, 2) + "." + date.substr(2, 2) : "01.01.85", 8, at);
+    Put(h, dated ? time.substr(0, 2) + "." + time.substr(3, 2) + "." + time.substr(6, 2) : "00.00.00", 8, at);
     Put(h, std::to_string(h.size()), 8, at);
     Put(h, m_width.bytes == 3 ? "BDF+C" : "EDF+C", 44, at);
     Put(h, std::to_string(m_records), 8, at);

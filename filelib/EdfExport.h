@@ -30,7 +30,7 @@
 //
 // Header: version "0", the EDF+ patient field "code sex birthdate name" and recording field
 // "Startdate dd-MMM-yyyy X X X description" (X for what the source does not state), start date
-// and time (01.01.85 00.00.00 when unknown), "EDF+C" / "BDF+C". Text that does not fit its field
+// and time of the window's first slice, to the second (01.01.85 00.00.00 when unknown), "EDF+C" / "BDF+C". Text that does not fit its field
 // or is not printable ASCII is shortened or replaced with '_' and reported as a warning.
 //
 // Annotations: an "EDF Annotations" ("BDF Annotations") signal holding, per record, the

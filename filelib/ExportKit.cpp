@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace exportkit {
 
@@ -165,6 +166,27 @@ std::vector<long> EpochStarts(CFilelib& source, const Window& window)
     for (long s = (window.first + length - 1) / length * length; s < window.first + window.count; s += length)
         starts.push_back(s - window.first);
     return starts;
+}
+
+bool WindowStart(CFilelib& source, const Window& window, std::string& date, std::string& time)
+{
+    const ecRecordingInfo& info = source.GetRecordingInfo();
+    date.clear();
+    time.clear();
+    std::tm start = {};
+    if (std::sscanf((info.date + " " + info.time).c_str(), "%4d-%2d-%2d %2d:%2d:%2d", &start.tm_year, &start.tm_mon,
+                    &start.tm_mday, &start.tm_hour, &start.tm_min, &start.tm_sec) != 6)
+        return false;
+    start.tm_year -= 1900;
+    start.tm_mon -= 1;
+    const std::time_t seconds = timegm(&start) + static_cast<std::time_t>(window.first / RecordingRate(source));
+    std::tm shifted = {};
+    char text[64];
+    if (!gmtime_r(&seconds, &shifted) || !std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &shifted))
+        return false;
+    date.assign(text, 10);
+    time.assign(text + 11);
+    return true;
 }
 
 std::string ChannelName(CFilelib& source, int chan)

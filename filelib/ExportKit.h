@@ -95,6 +95,9 @@ struct GridSurvey {
 std::vector<ecEvent> WindowEvents(CFilelib& source, const Window& window);
 // Start slices (within the window) of the source's epochs, for multi-epoch runs.
 std::vector<long> EpochStarts(CFilelib& source, const Window& window);
+// The date ("YYYY-MM-DD") and time ("hh:mm:ss", whole seconds) of the window's first slice, where
+// the recording states its start; false (both empty) where it does not.
+bool WindowStart(CFilelib& source, const Window& window, std::string& date, std::string& time);
 // The channel's name and unit.
 std::string ChannelName(CFilelib& source, int chan);
 std::string ChannelUnit(CFilelib& source, int chan);

@@ -92,6 +92,7 @@ TEST(Export, CopiesReadBackBitForBit)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.target);
         CFilelib source = Opened(row.source);
+        EXPECT_EQ(source.GetRecordingInfo().date.empty(), row.source.find(".vhdr") != std::string::npos);
         ASSERT_EQ(WriteCopy(source, dir.path(row.target), row.format, {}, nullptr), source.GetNumSlices());
         CFilelib copy = Opened(dir.path(row.target));
         ASSERT_EQ(copy.GetNumSlices(), source.GetNumSlices());
@@ -105,6 +106,8 @@ TEST(Export, CopiesReadBackBitForBit)
                 EXPECT_EQ(a[c][s], b[c][s]) << c << " " << s;
         }
         EXPECT_EQ(Events(copy), row.events);
+        EXPECT_EQ(copy.GetRecordingInfo().date + " " + copy.GetRecordingInfo().time,
+                  source.GetRecordingInfo().date + " " + source.GetRecordingInfo().time);
         if (row.format == ecOutputFormat::EDF || row.format == ecOutputFormat::BDF) {
             const std::vector<double>& rates = copy.GetRecordingInfo().channelRates;
             EXPECT_EQ(std::vector<double>(rates.begin(), rates.begin() + 2), std::vector<double>({4, 2}));
@@ -120,13 +123,15 @@ TEST(Export, WindowsShiftEventsAndTruncationIsReported)
     CFilelib edf = Opened(EdfSource(dir));
     const struct {
         ecSelection selection;
-        std::string events;
-    } rows[] = {{{4, 8, {1, 0}}, "D@3-3 "}, {{1, 2, {}}, "A@0-0 B, c@1-2 "}, {{12, -1, {}}, ""}};
+        std::string events, start;
+    } rows[] = {{{4, 8, {1, 0}}, "D@3-3 ", "04:05:07"}, {{1, 2, {}}, "A@0-0 B, c@1-2 ", "04:05:06"},
+                {{12, -1, {}}, "", "04:05:09"}};
     for (const auto& row : rows) {
         ASSERT_EQ(WriteCopy(edf, dir.path("w.edf"), ecOutputFormat::EDF, row.selection, nullptr),
                   std::min(12 - row.selection.first, row.selection.count < 0 ? 12L : row.selection.count));
         CFilelib copy = Opened(dir.path("w.edf"));
         EXPECT_EQ(Events(copy), row.events);
+        EXPECT_EQ(copy.GetRecordingInfo().time, row.start);
     }
     EXPECT_THROW(WriteCopy(edf, dir.path("w.edf"), ecOutputFormat::EDF, {13, 1, {}}, nullptr), ecError);
     EXPECT_THROW(WriteCopy(edf, dir.path("w.edf"), ecOutputFormat::EDF, {0, 1, {2}}, nullptr), ecError);

@@ -197,6 +197,8 @@ ecSelection SelectionOf(CFilelib& f, const Options& o)
     if (o.first < 0 || o.first > f.GetNumSlices())
         throw std::runtime_error("--first must lie between 0 and the recording's " + std::to_string(f.GetNumSlices()) +
                                  " slices");
+    if (o.count < -1)
+        throw std::runtime_error("--count must not be negative");
     ecSelection selection;
     selection.first = o.first;
     selection.count = o.count;

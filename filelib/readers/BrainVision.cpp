@@ -117,7 +117,9 @@ bool SegmentDate(const std::string& value, ecRecordingInfo& info)
         d.find_first_not_of('0') == std::string::npos)
         return false;
     info.date = d.substr(0, 4) + "-" + d.substr(4, 2) + "-" + d.substr(6, 2);
-    info.time = d.substr(8, 2) + ":" + d.substr(10, 2) + ":" + d.substr(12, 2) + (d.size() > 14 ? "." + d.substr(14) : "");
+    const std::string fraction = d.substr(14);
+    info.time = d.substr(8, 2) + ":" + d.substr(10, 2) + ":" + d.substr(12, 2) +
+                (fraction.find_first_not_of('0') != std::string::npos ? "." + fraction : "");
     return true;
 }
 
