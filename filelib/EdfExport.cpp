@@ -349,7 +349,8 @@ void EdfWriter::PlanRecords()
     m_records = (m_window.count + m_recordSlices - 1) / m_recordSlices;
     const long padded = m_records * m_recordSlices - m_window.count;
     if (padded > 0)
-        m_warnings.push_back("the last record is completed with " + std::to_string(padded) + " slices of zeros");
+        m_warnings.push_back("the last record is completed with zeros: " + std::to_string(padded) +
+                             " slices past the window's end");
     for (Signal& s : m_signals)
         s.perRecord = std::lround(m_recordSlices * s.rate / m_rate);
 }
