@@ -11,7 +11,7 @@
 
 #include "Output.h"
 #include "Plot.h"
-#include "filelib/GenericExport.h"
+#include "filelib/Writers.h"
 #include "filelib/ReaderTable.h"
 #include "companion/ChannelKind.h"
 #include "companion/Utility.h"
@@ -433,6 +433,19 @@ void PrintInfoText(CFilelib& f, const Facts& facts, const std::string& file)
     }
 }
 
+ecOutputFormat ConvertFormat(const Options& o)
+{
+    static const std::pair<const char*, ecOutputFormat> kNames[] = {
+        {"edf", ecOutputFormat::EDF}, {"bdf", ecOutputFormat::BDF}, {"brainvision", ecOutputFormat::BrainVision},
+        {"brainvision16", ecOutputFormat::BrainVisionInt16}, {"generic", ecOutputFormat::Generic}};
+    if (o.to.empty())
+        return OutputFormatOf(o.out);
+    for (const auto& [name, format] : kNames)
+        if (o.to == name)
+            return format;
+    throw std::runtime_error("--to takes edf, bdf, brainvision, brainvision16 or generic, not \"" + o.to + "\"");
+}
+
 }  // namespace
 
 ecSelection SelectionOf(CFilelib& file, const Options& o)
@@ -570,15 +583,24 @@ int RunConvert(const Options& o)
 {
     CFilelib f;
     Open(f, o.file, o.format);
-    CheckTargets(f, o, "convert", {o.out, o.out + ".orva_hdr", o.out + ".evt"});
+    const ecOutputFormat format = ConvertFormat(o);
+    const ecSelection selection = SelectionOf(f, o);
+    CheckTargets(f, o, "convert", OutputFilesOf(o.out, format));
     TerminalProgress progress("converting");
-    const int written = WriteGenericCopy(f, o.out, &progress);
+    std::vector<std::string> warnings;
+    const int written = WriteCopy(f, o.out, format, selection, &progress, &warnings);
+    for (const std::string& warning : warnings)
+        std::fprintf(stderr, "filelib: %s\n", warning.c_str());
     if (written < 0) {
         std::fprintf(stderr, "cancelled; nothing written\n");
         return 130;
     }
-    std::printf("wrote %s (%d slices x %d channels, Float, Slice_Mode), %s.orva_hdr and %s.evt\n", o.out.c_str(), written,
-                f.GetNumChans(), o.out.c_str(), o.out.c_str());
+    const std::vector<std::string> files = OutputFilesOf(o.out, format);
+    std::printf("wrote %s (%d slices x %zu channels)", o.out.c_str(), written,
+                selection.channels.empty() ? static_cast<size_t>(f.GetNumChans()) : selection.channels.size());
+    for (size_t i = 1; i < files.size(); ++i)
+        std::printf("%s %s", i + 1 == files.size() ? " and" : ",", files[i].c_str());
+    std::printf("\n");
     return 0;
 }
 

@@ -25,7 +25,8 @@ struct Options {
     bool csv = false;
     bool digital = false;
     bool words = false;
-    bool force = false;  // convert, concat: replace existing outputs
+    bool force = false;  // convert, concat, plot: replace existing outputs
+    std::string to;      // convert: the output format's name; empty: by the output's extension
     double threshold = 0.5;
     int deadTime = 0;
     long mask = -1;

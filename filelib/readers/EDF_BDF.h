@@ -13,11 +13,18 @@
 // the records it holds in full.
 //
 // Values: (digital - dmin) x (pmax - pmin) / (dmax - dmin) + pmin in double, converted to volts
-// when the physical dimension is a voltage (nV, uV, µV, mV, V; the unit then reads "V"), else in
-// the stated unit, rounded once to float. Trigger channels (type 0x8000: labels containing TRIG
+// when the physical dimension is a voltage (nV, uV, µV, mV, V; the unit then reads "V"), to tesla
+// when it is a magnetic field (fT, pT, nT, uT, mT, T; the unit reads "T"), else in the stated
+// unit, rounded once to float. Trigger channels (type 0x8000: labels containing TRIG
 // or STATUS or starting with STI, or a transducer type naming trigger, stim or status, in any
 // letter case) deliver codes without a unit: a BDF Status its stored word's low 16 bits (the
 // BioSemi trigger lines), any other its physical value in its own unit.
+//
+// Recording info: EDF+ patient ("code sex birthdate name") and recording ("Startdate
+// dd-MMM-yyyy admin technician equipment description...") subfields, X meaning unknown; a plain
+// EDF's patient field is its subject code and its recording field the description. The date
+// comes from the EDF+ Startdate (four-digit year), else the startdate field (85-99: 19xx).
+// Per channel: transducer and prefiltering texts, and every channel's rate when they differ.
 //
 // Events: EDF+/BDF+ annotations at round(onset x rate) with their text (UTF-8 as stored) as name,
 // code = the text's rank of first appearance (1, 2, ...), end - begin = round(duration x rate).
@@ -55,6 +62,8 @@ private:
     struct Signal {
         std::string label;
         std::string unit;
+        std::string transducer;
+        std::string prefilter;
         double gain = 1;   // delivered value = (digital + shift) x gain
         double shift = 0;
         long samples = 0;  // per record
@@ -69,6 +78,7 @@ private:
     void ParseSignals(const std::vector<uint8_t>& header, long signals);
     void SetScaling(Signal& s, double pmin, double pmax, long long dmin, long long dmax) const;
     void SetChannels();
+    void DescribeRecording(const std::vector<uint8_t>& fixed);
     void DescribeLayout(long long slices);
     void ListChannels();
     void PlaceRecords();

@@ -11,7 +11,7 @@
 
 #include "companion/Utility.h"
 #include "companion/Xml.h"
-#include "filelib/GenericExport.h"
+#include "filelib/ExportKit.h"
 #include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 
@@ -362,7 +362,7 @@ int WriteMetaFile(const std::string& out, const std::vector<std::string>& member
         text += "  <Member path=\"" + XmlEscaped(fs::path(path).lexically_relative(folder).generic_string()) + "\"/>\n";
     }
     text += "</" + std::string(kRoot) + ">\n";
-    ecStagedFiles staged({out}, "WriteMetaFile");
+    exportkit::StagedFiles staged("WriteMetaFile", {out});
     std::ofstream file(staged.Temp(0), std::ios::binary | std::ios::trunc);
     if (!(file << text).flush())
         fail("Cannot write " + staged.Temp(0) + ".");
