@@ -28,6 +28,18 @@ def _channel_type(channel):
     return "misc"
 
 
+# MNE holds data in SI units: prefixed units other than voltages (which read() delivers in volts)
+# are scaled here.
+_PREFIXES = {"m": 1e-3, "u": 1e-6, "\u00b5": 1e-6, "\u03bc": 1e-6, "n": 1e-9, "p": 1e-12, "f": 1e-15}
+_SI_UNITS = ("S", "A", "T", "C", "Ohm", "T/m")
+
+
+def _si_factor(unit):
+    if len(unit) > 1 and unit[0] in _PREFIXES and unit[1:] in _SI_UNITS:
+        return _PREFIXES[unit[0]]
+    return 1.0
+
+
 def _unique(names):
     """MNE needs distinct channel names; repeats get "-1", "-2", ... appended."""
     seen = {}
@@ -40,8 +52,6 @@ def _unique(names):
 
 
 def _meas_date(info):
-    if not info["date"]:
-        return None
     stamp = datetime.datetime.fromisoformat(info["date"] + "T" + (info["time"] or "00:00:00"))
     return stamp.replace(tzinfo=datetime.timezone.utc)
 
@@ -61,6 +71,9 @@ def to_mne(rec, verbose=None):
                                verbose=verbose)
     mne_info["bads"] = [mne_info["ch_names"][c] for c in info["bad_channels"] if c < len(channels)]
     data = rec.read()
+    scale = np.array([_si_factor(c.unit) for c in channels], dtype=np.float32)
+    if (scale != 1).any():
+        data *= scale[:, None]
     if info["run_type"] == 2:
         epochs, width = info["epochs"], info["epoch_slices"]
         shaped = data[:, : epochs * width].reshape(len(channels), epochs, width).transpose(1, 0, 2)
@@ -70,5 +83,6 @@ def to_mne(rec, verbose=None):
     else:
         out = mne.io.RawArray(data, mne_info, verbose=verbose)
         out.set_annotations(_annotations(mne, rec, rate))
-    out.set_meas_date(_meas_date(info))
+    if info["date"]:
+        out.set_meas_date(_meas_date(info))
     return out
