@@ -11,6 +11,8 @@ import pytest
 import filelib
 
 DATA = pathlib.Path(os.environ.get("FILELIB_DATA", pathlib.Path(__file__).parents[3] / "shared" / "data"))
+if not DATA.is_dir() and os.environ.get("FILELIB_REQUIRE_SHARED_DATA"):
+    raise RuntimeError("the real recordings (%s) are required and absent" % DATA)
 if not DATA.is_dir():
     pytest.skip("the real recordings (%s) are absent" % DATA, allow_module_level=True)
 PROGRAM = os.environ.get("FILELIB_PROGRAM", "filelib")
