@@ -51,8 +51,9 @@ void OpenFacade(CFilelib& f, const std::string& path, int format)
 // Channel type bits as words joined by '+' ("MEG+reference"); "other" when no bit is set.
 std::string TypeText(int bits)
 {
-    static const std::pair<int, const char*> kWords[] = {
-        {kChanEEG, "EEG"}, {kChanMEG, "MEG"}, {kChanTrigger, "trigger"}, {kChanReference, "reference"}, {kChanOff, "off"}};
+    static const std::pair<int, const char*> kWords[] = {{kChanEEG, "EEG"},         {kChanMEG, "MEG"},
+                                                         {kChanTrigger, "trigger"}, {kChanReference, "reference"},
+                                                         {kChanOff, "off"}};
     std::string text;
     for (const auto& [bit, word] : kWords)
         if (bits & bit)
@@ -78,13 +79,18 @@ public:
 
     void Close()
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        const auto lock = Lock();
         m_f.Free();
     }
-    bool Closed() { return m_f.GetActiveFile() == nullptr; }
+    bool Closed()
+    {
+        const auto lock = Lock();
+        return m_f.GetActiveFile() == nullptr;
+    }
 
     py::dict Info()
     {
+        const auto lock = Lock();
         ecFilebase& r = Reader("info");
         const ecReaderEntry* row = FindReader(static_cast<int>(m_f.GetFileSource()));
         const ecRecordingInfo& about = m_f.GetRecordingInfo();
@@ -95,7 +101,9 @@ public:
         d["run_type"] = m_f.GetRunType();
         // The rate is kept as a single-precision period: its inverse is given to float precision
         // (250, not 249.99998474).
-        d["sample_rate"] = std::stod(py::str("{:.7g}").format(m_f.GetSampleRate()).cast<std::string>());
+        char rate[32];
+        std::snprintf(rate, sizeof rate, "%.7g", static_cast<double>(m_f.GetSampleRate()));
+        d["sample_rate"] = std::stod(rate);
         d["slices"] = m_f.GetNumSlices();
         d["epochs"] = m_f.GetNumEpochs();
         d["epoch_slices"] = m_f.GetEpochSlices();
@@ -113,6 +121,7 @@ public:
     // (name, type text, unit, scale, offset) per channel the facade counts.
     py::list Channels()
     {
+        const auto lock = Lock();
         ecFilebase& r = Reader("channels");
         py::list out;
         for (int c = 0; c < m_f.GetNumChans(); ++c) {
@@ -126,6 +135,7 @@ public:
 
     py::array_t<float> Read(long start, std::optional<long> stop, std::optional<std::vector<int>> channels)
     {
+        const auto lock = Lock();
         Reader("read");
         const long slices = m_f.GetNumSlices();
         const long end = stop.value_or(slices);
@@ -137,7 +147,6 @@ public:
         float* dst = out.mutable_data();
         {
             py::gil_scoped_release unlocked;
-            std::lock_guard<std::mutex> lock(m_mutex);
             ReadInto(dst, rows, start, end);
         }
         return out;
@@ -145,6 +154,7 @@ public:
 
     py::list Events()
     {
+        const auto lock = Lock();
         Reader("events");
         ecEventList events;
         m_f.InitialEventList(&events, nullptr);
@@ -153,11 +163,11 @@ public:
 
     py::list FindTriggers(float threshold, int deadTime, bool digital, bool words, int mask)
     {
+        const auto lock = Lock();
         ecFilebase& r = Reader("find_triggers");
         ecEventList events;
         {
             py::gil_scoped_release unlocked;
-            std::lock_guard<std::mutex> lock(m_mutex);
             if (words)
                 r.FindAllTriggersDig(&events, 2, threshold, deadTime, false, mask, nullptr);
             else
@@ -166,9 +176,15 @@ public:
         return EventTuples(events);
     }
 
-    CFilelib& Facade() { return m_f; }
-
 private:
+    // The facade is not reentrant and reads run without the GIL, so every call holds the mutex.
+    // It is waited for without the GIL: a thread holding it may be waiting for the GIL.
+    std::unique_lock<std::mutex> Lock()
+    {
+        py::gil_scoped_release unlocked;
+        return std::unique_lock<std::mutex>(m_mutex);
+    }
+
     ecFilebase& Reader(const char* method)
     {
         if (ecFilebase* r = m_f.GetActiveFile())
@@ -219,7 +235,7 @@ private:
     }
 
     CFilelib m_f;
-    std::mutex m_mutex;  // the facade is not reentrant; reads run without the GIL
+    std::mutex m_mutex;
 };
 
 int Convert(const std::string& source, const std::string& target, int format)

@@ -10,30 +10,22 @@ from test_filelib import DATA
 
 mne = pytest.importorskip("mne")
 
-# Recording -> {channel: factor from ours to MNE's} where MNE's reading differs by design; a
-# factor of None leaves the channel out.
-CASES = {
-    "bdf/test.bdf": {}, "bdf/test_bdf_stim_channel.bdf": {},
-    "brainvision/test.vhdr": {}, "brainvision/test_old_layout_latin1_software_filter.vhdr": {},
-    "brainvision/File_brainvision_3_int16.vhdr": {},
-    "ctf/testdata_ctf_short_discontinuous.ds": {},
-    # MNE leaves non-voltage EDF channels unscaled; it interpolates a slower channel to the
-    # recording's rate (the library repeats samples); it scales trigger codes as microvolts.
-    "edf/edf+C.edf": {"ch3": 1e12}, "edf/test.edf": {}, "edf/test_utf8_annotations.edf": {},
-    "edf/test_uneven_samp.edf": {"0.2Hz Blk 1/0uV": None},
-    "edf/test_edf_stim_channel.edf": {"DIG DTRIG": None},
-    "egi/test_egi.raw": {}, "mff/example_3.mff": {},
-    # MNE labels this format's microvolts as volts (the trigger channels excepted).
-    "eximia/test_eximia.nxe": {"*": 1e6, "GateIn": 1, "Trig1": 1, "Trig2": 1},
-    "fiff/neuromag122_test_file-raw.fif": {}, "fiff/test_elekta_3ch_raw.fif": {},
-    "neuroscan/scan41_short.cnt": {}, "neuroscan/test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt": {},
-    "nihonkohden/MB0400FU.EEG": {},
-    "persyst/sub-pt1_ses-02_task-monitor_acq-ecog_run-01_clip2.lay": {},
-}
-
+# Recording -> {channel: factor from ours to MNE's} where MNE's reading differs by design (None:
+# not compared). MNE leaves non-voltage EDF channels unscaled, interpolates a slower channel to
+# the recording's rate (the library repeats samples), scales EDF trigger codes as microvolts and
+# labels eXimia microvolts (its trigger channels excepted) as volts.
+CASES = {name: {} for name in [
+    "bdf/test.bdf", "bdf/test_bdf_stim_channel.bdf", "brainvision/test.vhdr", "edf/test.edf",
+    "brainvision/test_old_layout_latin1_software_filter.vhdr", "brainvision/File_brainvision_3_int16.vhdr",
+    "ctf/testdata_ctf_short_discontinuous.ds", "edf/test_utf8_annotations.edf", "egi/test_egi.raw",
+    "mff/example_3.mff", "fiff/neuromag122_test_file-raw.fif", "fiff/test_elekta_3ch_raw.fif",
+    "neuroscan/scan41_short.cnt", "neuroscan/test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt",
+    "nihonkohden/MB0400FU.EEG", "persyst/sub-pt1_ses-02_task-monitor_acq-ecog_run-01_clip2.lay"]}
+CASES.update({"edf/edf+C.edf": {"ch3": 1e12}, "edf/test_uneven_samp.edf": {"0.2Hz Blk 1/0uV": None},
+              "edf/test_edf_stim_channel.edf": {"DIG DTRIG": None},
+              "eximia/test_eximia.nxe": {"*": 1e6, "GateIn": 1, "Trig1": 1, "Trig2": 1}})
 # MNE places this format's events one slice early and adds its non-stimulus records as "0".
 EVENTS_DIFFER = {"neuroscan/scan41_short.cnt", "neuroscan/test_CNT_events_mne_JWoess_clipped__v1_9dafcf2.cnt"}
-
 
 def mne_reading(name):
     reader = json.loads((DATA / (name + ".expected.json")).read_text())["mne"]["reader"]
