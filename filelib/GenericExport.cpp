@@ -1,121 +1,65 @@
 #include "filelib/GenericExport.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <memory>
 #include <vector>
 
 #include "companion/ByteCursor.h"
+#include "filelib/ExportKit.h"
 #include "filelib/readers/Generic.h"
 
 namespace {
-
-constexpr int kBlockSlices = 5000;
 
 struct FileCloser {
     void operator()(FILE* fp) const { std::fclose(fp); }
 };
 
-[[noreturn]] void ExportError(const std::string& what)
+constexpr const char* kWriter = "WriteGenericCopy";
+
+// The window keeps the source's epochs when it holds whole ones; any other window is one
+// continuous run.
+void CopyMetadata(CFilelib& source, CGeneric& target, const exportkit::Window& w)
 {
-    throw ecError("[WriteGenericCopy] " + what);
-}
-
-// Output files written under temporary names beside their targets and renamed into place only
-// when all are complete: a failure or a cancel leaves the targets as they were. A temporary name
-// is claimed by creating the file exclusively, so no existing file is ever touched.
-class StagedFiles {
-public:
-    explicit StagedFiles(const std::vector<std::string>& targets) : m_targets(targets)
-    {
-        for (const std::string& target : m_targets)
-            m_temps.push_back(Claim(target));
-    }
-    ~StagedFiles()
-    {
-        for (const std::string& temp : m_temps)
-            std::remove(temp.c_str());
-    }
-    StagedFiles(const StagedFiles&) = delete;
-    StagedFiles& operator=(const StagedFiles&) = delete;
-
-    const std::string& Temp(size_t i) const { return m_temps[i]; }
-    // Renames the files into place, the header last (the pair is a recording only once it exists).
-    void Commit()
-    {
-        for (size_t i = 0; i < m_targets.size(); ++i) {
-            if (std::rename(m_temps[i].c_str(), m_targets[i].c_str()) != 0)
-                ExportError("Cannot replace " + m_targets[i]);
-            m_temps[i].clear();
-        }
-    }
-
-private:
-    static std::string Claim(const std::string& target)
-    {
-        for (int i = 0; i < 100; ++i) {
-            const std::string name = target + ".part" + (i ? std::to_string(i) : "");
-            if (FILE* fp = std::fopen(name.c_str(), "wbx")) {
-                std::fclose(fp);
-                return name;
-            }
-            if (errno != EEXIST)
-                break;
-        }
-        ExportError("Cannot create a temporary file beside " + target);
-    }
-
-    std::vector<std::string> m_targets;
-    std::vector<std::string> m_temps;
-};
-
-void CopyMetadata(CFilelib& source, CGeneric& target, int channels)
-{
+    const int channels = static_cast<int>(w.channels.size());
     target.SetNumChans(channels);
-    for (int c = 0; c < channels; ++c) {
-        std::string name, unit;
-        source.GetChanName(c, name);
-        source.GetChanUnit(c, unit);
-        target.SetChanName(c, name);
-        target.SetChanUnit(c, unit);
-        target.SetChanType(c, source.GetChanType(c));
-        target.SetUseChanUnit(c, source.UseChanUnit(c));
-        target.SetUseChanUnitPrefix(c, source.UseChanUnitPrefix(c));
+    for (int i = 0; i < channels; ++i) {
+        const int c = w.channels[static_cast<size_t>(i)];
+        std::string name = exportkit::ChannelName(source, c), unit = exportkit::ChannelUnit(source, c);
+        target.SetChanName(i, name);
+        target.SetChanUnit(i, unit);
+        target.SetChanType(i, source.GetChanType(c));
+        target.SetUseChanUnit(i, source.UseChanUnit(c));
+        target.SetUseChanUnitPrefix(i, source.UseChanUnitPrefix(c));
     }
-    target.SetRunType(source.GetRunType());
+    const long epoch = source.GetEpochSlices();
+    const bool wholeEpochs = epoch > 0 && w.first % epoch == 0 && w.count % epoch == 0 && w.count > 0;
+    const bool whole = w.first == 0 && w.count == source.GetNumSlices();
+    target.SetRunType(whole || wholeEpochs ? source.GetRunType() : kRunContinuous);
     target.SetSampleRate(source.GetSampleRate(), 0);
-    target.SetPreStim(source.GetPreStim());
-    target.SetNumEpochs(source.GetNumEpochs());
-    target.SetEpochSlices(source.GetEpochSlices());
-    target.SetValidEpochCnt(source.GetValidEpochCnt());
+    target.SetPreStim(whole || wholeEpochs ? source.GetPreStim() : 0.0f);
+    target.SetNumEpochs(whole ? source.GetNumEpochs() : wholeEpochs ? static_cast<int>(w.count / epoch) : 1);
+    target.SetEpochSlices(whole || wholeEpochs ? source.GetEpochSlices() : static_cast<int>(w.count));
+    target.SetValidEpochCnt(whole ? source.GetValidEpochCnt() : wholeEpochs ? static_cast<int>(w.count / epoch) : 1);
     target.SetDataFormat(kFmtFloat);
     target.SetDataMatrixOrientation(true);
 }
 
 // Writes the samples block by block; false when cancelled.
-bool WriteSamples(CFilelib& source, FILE* out, int channels, int& written, ecProgressDlg* progress)
+bool WriteSamples(CFilelib& source, const exportkit::Window& w, FILE* out, ecProgressDlg* progress)
 {
-    const int slices = source.GetNumSlices();
-    if (progress) {
-        progress->SetRange(0, slices / kBlockSlices + 1);
-        progress->SetStep(1);
-    }
-    ecLabeledMatrix<float> block;
+    const size_t channels = w.channels.size();
+    exportkit::WindowReader reader(source, w, kWriter, progress);
     std::vector<uint8_t> bytes;
-    written = 0;
-    while (written < slices) {
-        const int n = source.ReadData(block, written, std::min(kBlockSlices, slices - written));
-        if (n < 1)
-            break;
-        const long rows = std::min<long>(channels, block.nrow());
-        bytes.assign(static_cast<size_t>(n) * channels * 4, 0);
-        for (long c = 0; c < rows; ++c) {
-            const float* row = block[c];
-            for (int s = 0; s < n; ++s) {
+    while (reader.Next()) {
+        const size_t n = static_cast<size_t>(reader.Slices());
+        bytes.assign(n * channels * 4, 0);
+        for (size_t c = 0; c < channels; ++c) {
+            const float* row = reader.Row(c);
+            for (size_t s = 0; s < n; ++s) {
                 const uint32_t bits = FloatToBits(row[s]);
-                uint8_t* p = &bytes[(static_cast<size_t>(s) * channels + c) * 4];
+                uint8_t* p = &bytes[(s * channels + c) * 4];
                 p[0] = bits & 0xFF;
                 p[1] = (bits >> 8) & 0xFF;
                 p[2] = (bits >> 16) & 0xFF;
@@ -123,47 +67,41 @@ bool WriteSamples(CFilelib& source, FILE* out, int channels, int& written, ecPro
             }
         }
         if (std::fwrite(bytes.data(), 1, bytes.size(), out) != bytes.size())
-            ExportError("Cannot write the samples.");
-        written += n;
-        if (progress) {
-            progress->StepIt();
-            if (progress->CheckCancelButton())
-                return false;
-        }
+            exportkit::Fail(kWriter, "Cannot write the samples.");
     }
-    return true;
+    return !reader.Cancelled();
 }
 
 }  // namespace
 
-int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDlg* progress)
+int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDlg* progress,
+                     const ecSelection& selection)
 {
-    const int channels = source.GetNumChans();
+    const exportkit::Window w = exportkit::Resolve(source, selection, kWriter);
     CGeneric target(dataFile.c_str());
-    CopyMetadata(source, target, channels);
-    StagedFiles staged({dataFile, dataFile + ".evt", target.GetHeaderFileName()});
-
-    int written = 0;
+    CopyMetadata(source, target, w);
+    exportkit::StagedFiles staged(kWriter, {dataFile, dataFile + ".evt", target.GetHeaderFileName()});
     {
         std::unique_ptr<FILE, FileCloser> out(std::fopen(staged.Temp(0).c_str(), "wb"));
         if (!out)
-            ExportError("Cannot create " + staged.Temp(0));
-        if (!WriteSamples(source, out.get(), channels, written, progress))
+            exportkit::Fail(kWriter, "Cannot create " + staged.Temp(0));
+        if (!WriteSamples(source, w, out.get(), progress))
             return -1;
         if (std::fflush(out.get()) != 0)
-            ExportError("Cannot write the samples.");
+            exportkit::Fail(kWriter, "Cannot write the samples.");
     }
-    target.SetNumSlices(written);
+    target.SetNumSlices(static_cast<int>(w.count));
 
     ecEventList events;
-    source.InitialEventList(&events, nullptr);
+    for (const ecEvent& e : exportkit::WindowEvents(source, w))
+        events.AppendOneEvent(e);
     if (!WriteEventFile(events, staged.Temp(1).c_str()))
-        ExportError("Cannot write " + dataFile + ".evt");
+        exportkit::Fail(kWriter, "Cannot write " + dataFile + ".evt");
     std::ofstream header(staged.Temp(2), std::ios::binary | std::ios::trunc);
     target.WriteHeaderText(header, true);
     header.close();
     if (!header)
-        ExportError("Cannot write " + target.GetHeaderFileName());
+        exportkit::Fail(kWriter, "Cannot write " + target.GetHeaderFileName());
     staged.Commit();
-    return written;
+    return static_cast<int>(w.count);
 }

@@ -155,6 +155,20 @@ bool ecFilebase::UseChanUnitPrefix(int chan)
                         ") misssing unit") != 0;
 }
 
+bool ecFilebase::GetChanGrid(int chan, double& gain, double& offset) const
+{
+    const ecDataLayout& layout = m_engine.Layout();
+    if (!layout.exact || chan < 0 || static_cast<size_t>(chan) >= layout.channels.size() ||
+        layout.type == ecSampleType::Float32 || layout.type == ecSampleType::Float64)
+        return false;
+    const ecChannelLayout& c = layout.channels[static_cast<size_t>(chan)];
+    if (c.divisor != 0)
+        return false;
+    gain = c.gain;
+    offset = c.shift * c.gain;  // exact channels deliver (raw + shift) x gain
+    return true;
+}
+
 float ecFilebase::GetChanScale(int chan)
 {
     if (!ChannelIndexValid(chan, m_vfChanScales.size()))

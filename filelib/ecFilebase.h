@@ -161,6 +161,11 @@ public:
     virtual int GetFacadeHiddenChannels() const { return 0; }
     virtual bool DoesVarianceExist() const { return false; }
     const ecRecordingInfo& GetRecordingInfo() const { return m_recordingInfo; }
+    // A channel's stored grid in double precision, for readers that read integer samples through
+    // the sample engine in exact arithmetic: before calibration every delivered value is
+    // n x gain + offset for a whole n. False for other readers, float samples, single-precision
+    // arithmetic and averaged values (the writers then fall back on the float scale and offset).
+    bool GetChanGrid(int chan, double& gain, double& offset) const;
 
     // Derives the calibration factors (see Calibration.h).
     void Calibrate();

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "companion/Units.h"
-#include "filelib/GenericExport.h"
 #include "filelib/ReaderTable.h"
+#include "filelib/Writers.h"
 #include "filelib/filelib.h"
 
 namespace py = pybind11;
@@ -238,18 +238,26 @@ private:
     std::mutex m_mutex;
 };
 
-int Convert(const std::string& source, const std::string& target, int format)
+// (slices written, the writer's warnings).
+py::tuple Convert(const std::string& source, const std::string& target, std::optional<ecOutputFormat> format,
+                  const ecSelection& selection, int sourceFormat)
 {
+    const ecOutputFormat to = format.value_or(OutputFormatOf(target));
     // Nothing that exists is replaced: the outputs could be the source or files read with it.
-    for (const std::string& file : {target, target + ".orva_hdr", target + ".evt"})
+    for (const std::string& file : OutputFilesOf(target, to))
         if (FILE* existing = std::fopen(file.c_str(), "rb")) {
             std::fclose(existing);
             Fail("filelib.convert", file + " exists; nothing written.");
         }
     CFilelib f;
-    OpenFacade(f, source, format);
-    py::gil_scoped_release unlocked;
-    return WriteGenericCopy(f, target, nullptr);
+    OpenFacade(f, source, sourceFormat);
+    std::vector<std::string> warnings;
+    int written;
+    {
+        py::gil_scoped_release unlocked;
+        written = WriteCopy(f, target, to, selection, nullptr, &warnings);
+    }
+    return py::make_tuple(written, warnings);
 }
 
 }  // namespace
@@ -282,5 +290,19 @@ PYBIND11_MODULE(_filelib, m)
         .def("_events", &Recording::Events)
         .def("_find_triggers", &Recording::FindTriggers, py::arg("threshold"), py::arg("dead_time"),
              py::arg("digital"), py::arg("words"), py::arg("mask"));
-    m.def("_convert", &Convert, py::arg("source"), py::arg("target"), py::arg("format"));
+    py::enum_<ecOutputFormat>(m, "OutputFormat")
+        .value("Generic", ecOutputFormat::Generic)
+        .value("EDF", ecOutputFormat::EDF)
+        .value("BDF", ecOutputFormat::BDF)
+        .value("BrainVision", ecOutputFormat::BrainVision)
+        .value("BrainVisionInt16", ecOutputFormat::BrainVisionInt16);
+    m.def(
+        "_convert",
+        [](const std::string& source, const std::string& target, std::optional<ecOutputFormat> format, long start,
+           std::optional<long> stop, std::vector<int> channels, int sourceFormat) {
+            const ecSelection selection{start, stop ? *stop - start : -1, std::move(channels)};
+            return Convert(source, target, format, selection, sourceFormat);
+        },
+        py::arg("source"), py::arg("target"), py::arg("format"), py::arg("start"), py::arg("stop"),
+        py::arg("channels"), py::arg("source_format"));
 }

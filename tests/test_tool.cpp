@@ -150,7 +150,7 @@ TEST(Tool, CommandLineRulesLeaveEveryFileAsItWasAndPlot)
         int status;
         std::string says;  // part of standard output or error
     } cases[] = {
-        {"--help", 0, "Usage:\n  filelib convert FILE OUT [--force]\n"},
+        {"--help", 0, "Usage:\n  filelib convert FILE OUT [--to edf|bdf|brainvision|brainvision16|generic] "},
         {"dump --help", 0, "Usage: filelib dump FILE"},
         {"--version", 0, "filelib " FILELIB_VERSION "\n"},
         {"frobnicate x", 1, "unknown command \"frobnicate\""},
@@ -170,7 +170,7 @@ TEST(Tool, CommandLineRulesLeaveEveryFileAsItWasAndPlot)
         {"triggers g.dat --words --mask 0X4 --json", 0, "[]\n"},
         {"triggers g.dat --words --mask 0xG", 1, "--mask needs a whole number, not \"0xG\""},
         {"triggers g.dat --mask 2", 1, "--mask applies to --words only"},
-        {"convert g.dat out --first 512", 1, "convert does not take --first; usage: filelib convert FILE OUT [--force]"},
+        {"convert g.dat out --csv", 1, "convert does not take --csv; usage: filelib convert FILE OUT [--to "},
         {"info g.dat --count 3", 1, "info does not take --count"},
         {"dump g.dat --out x.svg", 1, "dump does not take --out"},
         {"convert g.dat g.dat", 1, "convert would overwrite g.dat, which is g.dat, read for g.dat; nothing written"},

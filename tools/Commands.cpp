@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 
 #include "Output.h"
-#include "filelib/GenericExport.h"
+#include "filelib/Writers.h"
 #include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
 #include "filelib/readers/BrainVision.h"
@@ -156,10 +156,10 @@ bool SameFile(const struct stat& a, const std::string& path)
 
 // Refuses outputs that are the source or a file read with it (whatever their spelling: links,
 // "./" and ".." all lead to the same device and inode), and existing outputs without --force.
-void CheckConvertTargets(CFilelib& f, const Options& o)
+void CheckConvertTargets(CFilelib& f, const Options& o, ecOutputFormat format)
 {
     const std::vector<std::string> sources = SourceFiles(f, o.file);
-    for (const std::string& target : {o.out, o.out + ".orva_hdr", o.out + ".evt"}) {
+    for (const std::string& target : OutputFilesOf(o.out, format)) {
         struct stat st;
         if (::stat(target.c_str(), &st) != 0)
             continue;
@@ -170,6 +170,33 @@ void CheckConvertTargets(CFilelib& f, const Options& o)
         if (!o.force)
             throw std::runtime_error(target + " exists; --force replaces it");
     }
+}
+
+ecOutputFormat ConvertFormat(const Options& o)
+{
+    static const std::pair<const char*, ecOutputFormat> kNames[] = {
+        {"edf", ecOutputFormat::EDF}, {"bdf", ecOutputFormat::BDF}, {"brainvision", ecOutputFormat::BrainVision},
+        {"brainvision16", ecOutputFormat::BrainVisionInt16}, {"generic", ecOutputFormat::Generic}};
+    if (o.to.empty())
+        return OutputFormatOf(o.out);
+    for (const auto& [name, format] : kNames)
+        if (o.to == name)
+            return format;
+    throw std::runtime_error("--to takes edf, bdf, brainvision, brainvision16 or generic, not \"" + o.to + "\"");
+}
+
+// The part of the recording a command works on: --first and --count slices, --channels by name.
+ecSelection SelectionOf(CFilelib& f, const Options& o)
+{
+    if (o.first < 0 || o.first > f.GetNumSlices())
+        throw std::runtime_error("--first must lie between 0 and the recording's " + std::to_string(f.GetNumSlices()) +
+                                 " slices");
+    ecSelection selection;
+    selection.first = o.first;
+    selection.count = o.count;
+    if (!o.channels.empty())
+        selection.channels = SelectChannels(f, o.channels);
+    return selection;
 }
 
 }  // namespace
@@ -314,15 +341,24 @@ int RunConvert(const Options& o)
 {
     CFilelib f;
     Open(f, o.file, o.format);
-    CheckConvertTargets(f, o);
+    const ecOutputFormat format = ConvertFormat(o);
+    const ecSelection selection = SelectionOf(f, o);
+    CheckConvertTargets(f, o, format);
     TerminalProgress progress("converting");
-    const int written = WriteGenericCopy(f, o.out, &progress);
+    std::vector<std::string> warnings;
+    const int written = WriteCopy(f, o.out, format, selection, &progress, &warnings);
+    for (const std::string& warning : warnings)
+        std::fprintf(stderr, "filelib: %s\n", warning.c_str());
     if (written < 0) {
         std::fprintf(stderr, "cancelled; nothing written\n");
         return 130;
     }
-    std::printf("wrote %s (%d slices x %d channels, Float, Slice_Mode), %s.orva_hdr and %s.evt\n", o.out.c_str(), written,
-                f.GetNumChans(), o.out.c_str(), o.out.c_str());
+    const std::vector<std::string> files = OutputFilesOf(o.out, format);
+    std::printf("wrote %s (%d slices x %zu channels)", o.out.c_str(), written,
+                selection.channels.empty() ? static_cast<size_t>(f.GetNumChans()) : selection.channels.size());
+    for (size_t i = 1; i < files.size(); ++i)
+        std::printf("%s %s", i + 1 == files.size() ? " and" : ",", files[i].c_str());
+    std::printf("\n");
     return 0;
 }
 

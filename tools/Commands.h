@@ -16,6 +16,7 @@ struct Options {
     bool digital = false;
     bool words = false;
     bool force = false;  // convert: replace existing outputs
+    std::string to;      // convert: the output format's name; empty: by the output's extension
     double threshold = 0.5;
     int deadTime = 0;
     long mask = -1;

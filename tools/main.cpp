@@ -34,11 +34,15 @@ const std::map<std::string, Command>& Commands()
         {"stats", {RunStats, "filelib stats FILE",
                    "Reads the whole recording block by block: per-channel min, max, mean, rms and the reading speed.",
                    false}},
-        {"convert", {RunConvert, "filelib convert FILE OUT [--force]",
-                     "Writes OUT (raw 32-bit floats, slice after slice), OUT.orva_hdr (generic header) and OUT.evt "
-                     "(events); the copy reads back through filelib with the same metadata and samples. The files "
-                     "appear only once complete; existing ones are replaced only with --force, and never FILE or "
-                     "the files read with it.",
+        {"convert", {RunConvert,
+                     "filelib convert FILE OUT [--to edf|bdf|brainvision|brainvision16|generic] [--first N] "
+                     "[--count N] [--channels a,b] [--force]",
+                     "Writes the recording, or --count slices from --first of the channels named, as EDF+ (.edf), "
+                     "BDF+ (.bdf), BrainVision (.vhdr with .vmrk and .eeg; float samples, brainvision16: 16-bit "
+                     "counts) or the generic format (any other name: OUT raw 32-bit floats, OUT.orva_hdr and "
+                     "OUT.evt), with the events; --to overrides the extension. The files appear only once "
+                     "complete; existing ones are replaced only with --force, and never FILE or the files read "
+                     "with it. Text the format cannot hold in full is reported on standard error.",
                      true}},
         {"triggers", {RunTriggers,
                       "filelib triggers FILE [--threshold X] [--dead-time N] [--digital] [--words [--mask M]] [--json]",
@@ -126,6 +130,7 @@ void SetOption(Options& o, const std::string& a, Value value)
     else if (a == "--mask") o.mask = Number(a, value());
     else if (a == "--channels") o.channels = SplitCommas(value());
     else if (a == "--out") o.out = value();
+    else if (a == "--to") o.to = value();
     else if (a == "--threshold") o.threshold = Real(a, value());
 }
 

@@ -105,6 +105,69 @@ bool MarkerEvent(const std::string& value, ecEvent& e)
     return true;
 }
 
+// The recording's start from a "New Segment" marker's date field "yyyymmddhhmmssuuuuuu"
+// (all zeros: not stated).
+bool SegmentDate(const std::string& value, ecRecordingInfo& info)
+{
+    const std::vector<std::string> f = Fields(value);
+    if (f.size() < 6 || !Is(f[0], "New Segment"))
+        return false;
+    const std::string d = TrimBlanks(f[5]);
+    if (d.size() < 14 || d.find_first_not_of("0123456789") != std::string::npos ||
+        d.find_first_not_of('0') == std::string::npos)
+        return false;
+    info.date = d.substr(0, 4) + "-" + d.substr(4, 2) + "-" + d.substr(6, 2);
+    info.time = d.substr(8, 2) + ":" + d.substr(10, 2) + ":" + d.substr(12, 2) + (d.size() > 14 ? "." + d.substr(14) : "");
+    return true;
+}
+
+// "HP:0.159Hz LP:250Hz N:50Hz" from a channel row's cut-offs: a low cut-off is a time constant
+// in seconds (high-pass at 1 / (2 pi tau) Hz), "DC" and "Off" state no filter.
+std::string FilterText(const std::string& low, const std::string& high, const std::string& notch)
+{
+    std::string text;
+    double value = 0;
+    char part[48];
+    if (ParseReal(low, value) && value > 0) {
+        std::snprintf(part, sizeof part, "HP:%.4gHz", 1 / (2 * M_PI * value));
+        text = part;
+    }
+    for (const auto& [prefix, field] : {std::make_pair(" LP:", high), std::make_pair(" N:", notch)})
+        if (ParseReal(field, value) && value > 0)
+            text += prefix + field + "Hz";
+    return TrimBlanks(text);
+}
+
+// The amplifier's cut-offs from the comment's channel table ("# Name Phys. Chn. Resolution /
+// Unit Low Cutoff [s] High Cutoff [Hz] Notch [Hz] ..."), rows "n name chn resolution [unit]
+// low high notch", up to the first blank line; empty when there is no such table.
+std::vector<std::string> ChannelFilters(std::istream& in, int channels)
+{
+    std::vector<std::string> filters;
+    bool withUnit = false;
+    for (std::string line; std::getline(in, line);) {
+        line = TrimBlanks(line);
+        if (line.compare(0, 1, "#") == 0 && line.find("Low Cutoff") != std::string::npos) {
+            withUnit = line.find("Unit") != std::string::npos;
+            filters.assign(static_cast<size_t>(channels), std::string());
+            continue;
+        }
+        if (filters.empty())
+            continue;
+        if (line.empty())
+            break;
+        std::istringstream row(line);
+        std::vector<std::string> f;
+        for (std::string word; row >> word;)
+            f.push_back(word);
+        double n = 0;
+        const size_t low = withUnit ? 5 : 4;
+        if (f.size() > low + 2 && ParseReal(f[0], n) && n >= 1 && n <= channels)
+            filters[static_cast<size_t>(n) - 1] = FilterText(f[low], f[low + 1], f[low + 2]);
+    }
+    return filters;
+}
+
 }  // namespace
 
 BrainVision::BrainVision(const char* headerFile) { SetInputFileName(headerFile ? headerFile : ""); }
@@ -146,6 +209,20 @@ void BrainVision::Initialize(int)
         Fail("Cannot open the data file " + m_dataFile);
     SetTimeBase(ini, FileLength(fp));
     DescribeLayout();
+    ReadStartDate();
+    std::ifstream header(GetInputFileName(), std::ios::binary);
+    m_recordingInfo.channelFilters = ChannelFilters(header, GetNumChans());
+}
+
+void BrainVision::ReadStartDate()
+{
+    ecIniText markers;
+    if (m_markerFile.empty() || !markers.ReadFile(m_markerFile, kMaxHeaderBytes))
+        return;
+    if (const ecIniText::Section* list = markers.Find("Marker Infos"))
+        for (const auto& entry : *list)
+            if (SegmentDate(entry.second, m_recordingInfo))
+                return;
 }
 
 void BrainVision::ReadLayout(const ecIniText& ini)

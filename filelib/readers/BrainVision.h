@@ -23,7 +23,9 @@
 // code = the trailing number of the description (S253 -> 253), kind 3 for responses and 2
 // otherwise; "New Segment" markers become segment boundaries. A marker line that cannot be
 // read is skipped, the others are kept. A marker-based segmented export reads as run type 2
-// with SegmentDataPoints slices per epoch.
+// with SegmentDataPoints slices per epoch. The recording's date and time are those of the first
+// "New Segment" marker that states them; the channels' filters those of the comment's channel
+// table (low cut-off time constant, high cut-off, notch), where it has one.
 #pragma once
 
 #include <string>
@@ -53,6 +55,7 @@ private:
     void SetTimeBase(const ecIniText& ini, long long dataBytes);
     void CountSlices(const ecIniText& ini, long long dataBytes);
     void DescribeLayout();
+    void ReadStartDate();
 
     std::string m_dataFile;
     std::string m_markerFile;

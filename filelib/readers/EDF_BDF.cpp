@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <sstream>
 
 #include "companion/ByteCursor.h"
 #include "companion/Utility.h"
@@ -28,6 +29,38 @@ double VoltsPerUnit(const std::string& unit)
     if (unit == "nV")
         return 1e-9;
     return 0.0;
+}
+
+std::vector<std::string> Words(const std::string& text)
+{
+    std::vector<std::string> words;
+    std::istringstream in(text);
+    for (std::string word; in >> word;)
+        words.push_back(word);
+    return words;
+}
+
+// An EDF+ subfield: "X" is unknown, '_' stands for a blank.
+std::string Subfield(const std::vector<std::string>& words, size_t i)
+{
+    std::string s = i < words.size() && words[i] != "X" ? words[i] : "";
+    std::replace(s.begin(), s.end(), '_', ' ');
+    return s;
+}
+
+// "02-MAR-2002" as "2002-03-02"; empty when it is no such date.
+std::string IsoDate(const std::string& edfDate)
+{
+    static const char kMonths[] = "JANFEBMARAPRMAYJUNJULAUGSEPOCTNOVDEC";
+    std::string month = edfDate.size() == 11 ? edfDate.substr(3, 3) : "";
+    ToUpper(month);
+    const char* at = month.size() == 3 ? std::strstr(kMonths, month.c_str()) : nullptr;
+    if (!at || (at - kMonths) % 3 != 0 || edfDate[2] != '-' || edfDate[6] != '-')
+        return "";
+    char text[16];
+    std::snprintf(text, sizeof text, "%s-%02d-%s", edfDate.substr(7, 4).c_str(), static_cast<int>(at - kMonths) / 3 + 1,
+                  edfDate.substr(0, 2).c_str());
+    return text;
 }
 
 bool IsAnnotationLabel(const std::string& label) { return label == "EDF Annotations" || label == "BDF Annotations"; }
@@ -150,6 +183,7 @@ void CEDF_BDF::Initialize(int bytesPerSample)
     const std::string reserved = ByteCursor(fixed.data(), fixed.size()).str(192, 44);
     m_discontinuous = reserved.compare(0, 5, "EDF+D") == 0 || reserved.compare(0, 5, "BDF+D") == 0;
     SetChannels();
+    DescribeRecording(fixed);
 }
 
 void CEDF_BDF::ParseFixedHeader(const std::vector<uint8_t>& fixed, long long& headerBytes, long long& records,
@@ -186,6 +220,8 @@ void CEDF_BDF::ParseSignals(const std::vector<uint8_t>& header, long signals)
     for (size_t i = 0; i < ns; ++i) {
         Signal& s = m_signals[i];
         s.label = TrimBlanks(field(0, 16, i));
+        s.transducer = TrimBlanks(field(16, 80, i));
+        s.prefilter = TrimBlanks(field(136, 80, i));
         s.unit = TrimBlanks(field(16 + 80, 8, i));
         const std::string which = " of signal " + std::to_string(i + 1) + " ('" + s.label + "')";
         double pmin = 0, pmax = 0;
@@ -270,6 +306,47 @@ void CEDF_BDF::SetChannels()
     ListChannels();
     SetContinuousTimeBase(m_rate, slices);
     DescribeLayout(slices);
+}
+
+void CEDF_BDF::DescribeRecording(const std::vector<uint8_t>& fixed)
+{
+    const ByteCursor h(fixed.data(), fixed.size());
+    const std::string patient = TrimBlanks(h.str(8, 80)), recording = TrimBlanks(h.str(88, 80));
+    const std::vector<std::string> p = Words(patient), r = Words(recording);
+    ecRecordingInfo& info = m_recordingInfo = ecRecordingInfo();
+    const bool plus = r.size() >= 2 && r[0] == "Startdate";
+    info.date = plus ? IsoDate(r[1]) : "";
+    if (plus) {
+        info.subjectId = Subfield(p, 0);
+        info.subjectSex = Subfield(p, 1) == "M" || Subfield(p, 1) == "F" ? Subfield(p, 1) : "";
+        info.subjectBirthDate = IsoDate(Subfield(p, 2));
+        info.subjectName = Subfield(p, 3);
+        for (size_t i = 5; i < r.size(); ++i)
+            info.description += (i > 5 ? " " : "") + r[i];
+    } else {
+        info.subjectId = patient;
+        info.description = recording;
+    }
+    const std::string date = h.str(168, 8), time = h.str(176, 8);
+    long long dd = 0, mm = 0, yy = 0;
+    if (info.date.empty() && date.size() == 8 && ParseInteger(date.substr(0, 2), dd) &&
+        ParseInteger(date.substr(3, 2), mm) && ParseInteger(date.substr(6, 2), yy) && mm >= 1 && mm <= 12) {
+        char text[64];
+        std::snprintf(text, sizeof text, "%04lld-%02lld-%02lld", yy >= 85 ? 1900 + yy : 2000 + yy, mm, dd);
+        info.date = text;
+    }
+    if (time.size() == 8 && time[2] == '.' && time[5] == '.')
+        info.time = time.substr(0, 2) + ":" + time.substr(3, 2) + ":" + time.substr(6, 2);
+    bool mixed = false;
+    for (int signal : m_channelSignal) {
+        const Signal& s = m_signals[static_cast<size_t>(signal)];
+        info.channelTransducers.push_back(s.transducer);
+        info.channelFilters.push_back(s.prefilter);
+        info.channelRates.push_back(s.annotation ? m_rate : s.samples / m_duration);
+        mixed = mixed || (!s.annotation && s.samples != m_fastest);
+    }
+    if (!mixed)
+        info.channelRates.clear();
 }
 
 // Records are segments of m_fastest slices, each signal stored as one run inside them; a

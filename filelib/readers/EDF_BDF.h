@@ -19,6 +19,12 @@
 // letter case) deliver codes without a unit: a BDF Status its stored word's low 16 bits (the
 // BioSemi trigger lines), any other its physical value in its own unit.
 //
+// Recording info: EDF+ patient ("code sex birthdate name") and recording ("Startdate
+// dd-MMM-yyyy admin technician equipment description...") subfields, X meaning unknown; a plain
+// EDF's patient field is its subject code and its recording field the description. The date
+// comes from the EDF+ Startdate (four-digit year), else the startdate field (85-99: 19xx).
+// Per channel: transducer and prefiltering texts, and every channel's rate when they differ.
+//
 // Events: EDF+/BDF+ annotations at round(onset x rate) with their text (UTF-8 as stored) as name,
 // code = the text's rank of first appearance (1, 2, ...), end - begin = round(duration x rate).
 // Onsets count from the first record, which may start after the header's start time (the onset
@@ -55,6 +61,8 @@ private:
     struct Signal {
         std::string label;
         std::string unit;
+        std::string transducer;
+        std::string prefilter;
         double gain = 1;   // delivered value = (digital + shift) x gain
         double shift = 0;
         long samples = 0;  // per record
@@ -69,6 +77,7 @@ private:
     void ParseSignals(const std::vector<uint8_t>& header, long signals);
     void SetScaling(Signal& s, double pmin, double pmax, long long dmin, long long dmax) const;
     void SetChannels();
+    void DescribeRecording(const std::vector<uint8_t>& fixed);
     void DescribeLayout(long long slices);
     void ListChannels();
     void PlaceRecords();

@@ -5,12 +5,13 @@
 """
 from collections import namedtuple
 import os
+import warnings
 
 import numpy as np
 
-from ._filelib import Error, _Recording, _convert
+from ._filelib import Error, OutputFormat, _Recording, _convert
 
-__all__ = ["Error", "Recording", "Channel", "open", "convert"]
+__all__ = ["Error", "OutputFormat", "Recording", "Channel", "open", "convert"]
 
 Channel = namedtuple("Channel", "name type unit scale offset")
 
@@ -100,8 +101,22 @@ def open(path, format=None):
     return Recording(os.fspath(path), format or 0)
 
 
-def convert(src, dst, format=None):
-    """Writes the recording at `src` as a filelib generic file pair (dst, dst.orva_hdr, dst.evt);
-    refuses outputs that exist. Returns the number of slices written."""
-    return _convert(os.fspath(src), os.fspath(dst), format or 0)
-
+def convert(src, dst, format=None, start=0, stop=None, channels=None, source_format=None):
+    """Writes slices [start, stop) of the channels given (indices or names; all by default) of the
+    recording at `src` to `dst`, in `format` (an OutputFormat or its name in any case: "edf", "bdf",
+    "brainvision", "brainvisionint16", "generic"; by default the one dst's extension names).
+    A stop past the end writes to the end. Refuses outputs that exist. Texts the format cannot hold in full come as warnings. Returns the
+    number of slices written."""
+    if isinstance(format, str):
+        names = {name.lower(): value for name, value in OutputFormat.__members__.items()}
+        if format.lower() not in names:
+            raise Error("[filelib.convert] no output format %r; formats: %s." % (format, ", ".join(names)))
+        format = names[format.lower()]
+    if channels is not None and any(isinstance(c, str) for c in channels):
+        with open(src, source_format) as rec:
+            channels = rec._indices(channels)
+    written, notes = _convert(os.fspath(src), os.fspath(dst), format, start, stop, list(channels or []),
+                              source_format or 0)
+    for note in notes:
+        warnings.warn(note)
+    return written

@@ -83,6 +83,9 @@ def to_mne(rec, verbose=None):
     else:
         out = mne.io.RawArray(data, mne_info, verbose=verbose)
         out.set_annotations(_annotations(mne, rec, rate))
+    if not out.annotations:
+        # Epochs too: set_meas_date moves the annotations with the date and needs some.
+        out.set_annotations(mne.Annotations([], [], []))
     if info["date"]:
         out.set_meas_date(_meas_date(info))
     return out

@@ -76,6 +76,6 @@ def test_context_manager_closes_and_convert_reads_back(tmp_path):
     assert rec.closed
     with pytest.raises(filelib.Error, match=r"^\[Recording::read\] The recording is closed\.$"):
         rec.read()
-    assert filelib.convert(DATA / "bdf" / "test.bdf", tmp_path / "copy.dat") == data.shape[1]
+    assert filelib.convert(DATA / "bdf" / "test.bdf", tmp_path / "copy.dat", start=100, channels=[5, "Fp1"]) == 1948
     with filelib.open(tmp_path / "copy.dat") as copy:
-        np.testing.assert_array_equal(copy.read(), data)
+        np.testing.assert_array_equal(copy.read(), data[[5, 0], 100:])
