@@ -196,6 +196,8 @@ int BrainVisionWriter::Write(const std::string& header, ecProgressDlg* progress)
 {
     if (!(exportkit::RecordingRate(m_source) > 0))
         exportkit::Fail(kWriter, "The recording states no sample rate.");
+    if (m_window.channels.empty())
+        exportkit::Fail(kWriter, "The recording has no channel to write.");
     DescribeChannels();
     const std::vector<std::string> files = BrainVisionFilesOf(header);
     // The header is renamed into place last: the files are a recording only once it exists.

@@ -108,16 +108,20 @@ std::string Fit(const std::string& text, size_t width, const std::string& what, 
     return fitted;
 }
 
-// The ranges in the units a channel may be written in: voltages in uV, mV or V (delivered in
-// volts), any other in its own unit.
+// The ranges in the units a channel may be written in, smallest prefix first: voltages (delivered
+// in volts) in uV, mV or V, magnetic fields (in tesla) in fT, pT, nT, uT, mT or T, any other unit
+// as it is.
 std::vector<Range> UnitChoices(const std::string& unit)
 {
+    static const std::pair<double, const char*> kPrefixes[] = {{1e15, "f"}, {1e12, "p"}, {1e9, "n"},
+                                                               {1e6, "u"},  {1e3, "m"},  {1, ""}};
     std::vector<Range> choices;
-    for (const auto& [toUnit, name] : unit == "V" ? std::vector<std::pair<double, std::string>>{{1e6, "uV"}, {1e3, "mV"}, {1, "V"}}
-                                                  : std::vector<std::pair<double, std::string>>{{1, unit}}) {
-        choices.emplace_back();
-        choices.back().toUnit = toUnit;
-        choices.back().unit = name;
+    for (const auto& [toUnit, prefix] : kPrefixes) {
+        if ((unit == "V" && toUnit <= 1e6) || unit == "T" || toUnit == 1) {
+            choices.emplace_back();
+            choices.back().toUnit = toUnit;
+            choices.back().unit = (unit == "V" || unit == "T" ? prefix : "") + unit;
+        }
     }
     return choices;
 }
@@ -178,9 +182,10 @@ Range CoveringRange(const exportkit::GridSurvey& g, const Width& w, const std::s
 void ChooseRange(Signal& s, const std::string& unit, const Width& w, std::vector<std::string>& warnings)
 {
     bool integer = false;
-    // The first unit whose ends print exactly, else the one that prints them closest.
+    // The first unit whose ends print exactly, else the one that prints them closest, where that
+    // is within a hundredth of a step.
     for (Range candidate : UnitChoices(unit)) {
-        if (IntegerRange(s.survey, w, candidate) && (!integer || candidate.error < s.range.error)) {
+        if (IntegerRange(s.survey, w, candidate) && candidate.error <= 0.01 && (!integer || candidate.error < s.range.error)) {
             s.range = candidate;
             integer = true;
         }
@@ -189,9 +194,13 @@ void ChooseRange(Signal& s, const std::string& unit, const Width& w, std::vector
     }
     if (!integer) {
         if (s.survey.Fits(s.survey.nlo, s.survey.nhi))
-            warnings.push_back("channel " + s.label + ": its values span more than " + std::to_string(8 * w.bytes) +
-                               " bits at the source's step; written at a coarser step");
+            warnings.push_back("channel " + s.label + ": its values at the source's step do not fit " +
+                               std::to_string(8 * w.bytes) + " bits and 8-character ranges; written at a coarser step");
         s.range = CoveringRange(s.survey, w, unit);
+        const double top = std::strtod(s.range.pmaxText.c_str(), nullptr);
+        if (!s.survey.Empty() && std::fabs(top - s.survey.hi * s.range.toUnit) > 0.5 * std::fabs(top))
+            warnings.push_back("channel " + s.label + ": its values are too small for 8 characters of " +
+                               s.range.unit + "; they are not kept");
     }
     s.pmin = std::strtod(s.range.pminText.c_str(), nullptr);
     s.step = (std::strtod(s.range.pmaxText.c_str(), nullptr) - s.pmin) / static_cast<double>(s.range.dmax - s.range.dmin);
@@ -506,6 +515,8 @@ bool EdfWriter::WriteData(FILE* out, ecProgressDlg* progress)
 
 int EdfWriter::Write(const std::string& target, ecProgressDlg* progress)
 {
+    if (m_window.channels.empty())
+        exportkit::Fail(kWriter, "The recording has no channel to write.");
     m_rate = exportkit::RecordingRate(m_source);
     if (!(m_rate > 0))
         exportkit::Fail(kWriter, "The recording states no sample rate.");

@@ -16,8 +16,10 @@
 //    gets the finest step that covers its range over the window: dmin and dmax the width's
 //    ends, pmin and pmax the window's minimum and maximum (a constant channel gets pmax =
 //    pmin + 1).
-// Voltages are written in uV, mV or V, whichever keeps the window's largest value below 1e5 of
-// the unit (uV for EEG); other units as the source states them.
+// An integer channel is written in the first unit (uV, mV, V for voltages; fT ... T for magnetic
+// fields) whose ends print exactly, else the one printing them closest if that is within a
+// hundredth of a step, else it gets the covering step, in the unit that keeps its largest value
+// below 1e5; other units as the source states them.
 //
 // Records. Channels whose stored rate (ecRecordingInfo::channelRates) is the recording's rate
 // divided by a whole number k are written at that rate, every k-th slice of the window; the

@@ -127,9 +127,12 @@ void GridSurvey::Add(const float* row, int slices)
         }
         lo = std::min(lo, v);
         hi = std::max(hi, v);
-        // A float holds the grid value to 2^-24 of itself; the reader's float scale adds as much.
+        // A float holds the value to 2^-24 of itself (and a float scale its step as well): the
+        // grid value of a sample is whole to that precision, measured from zero, not from the
+        // offset; where that exceeds a quarter step the nearest whole number still is the one.
         const double q = (v - offset) / scale, n = std::round(q);
-        onGrid = onGrid && std::isfinite(q) && std::fabs(q - n) <= 1e-3 + 2.5e-7 * std::fabs(q);
+        const double tolerance = std::min(0.25, 4e-7 * (std::fabs(q) + std::fabs(offset / scale)) + 1e-9);
+        onGrid = onGrid && std::isfinite(q) && std::fabs(q - n) <= tolerance;
         nlo = std::min(nlo, n);
         nhi = std::max(nhi, n);
     }

@@ -63,6 +63,17 @@ std::string IsoDate(const std::string& edfDate)
     return text;
 }
 
+// Tesla per physical unit when the dimension is a magnetic field (fT ... T), else 0.
+double TeslaPerUnit(const std::string& unit)
+{
+    static const std::pair<const char*, double> kUnits[] = {{"fT", 1e-15}, {"pT", 1e-12}, {"nT", 1e-9},
+                                                            {"uT", 1e-6},  {"mT", 1e-3},  {"T", 1}};
+    for (const auto& [name, tesla] : kUnits)
+        if (unit == name)
+            return tesla;
+    return 0.0;
+}
+
 bool IsAnnotationLabel(const std::string& label) { return label == "EDF Annotations" || label == "BDF Annotations"; }
 
 bool Contains(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
@@ -257,8 +268,8 @@ void CEDF_BDF::ParseSignals(const std::vector<uint8_t>& header, long signals)
 void CEDF_BDF::SetScaling(Signal& s, double pmin, double pmax, long long dmin, long long dmax) const
 {
     const double perDigital = (pmax - pmin) / static_cast<double>(dmax - dmin);
-    const double volts = s.trigger ? 0.0 : VoltsPerUnit(s.unit);
-    s.gain = perDigital * (volts > 0 ? volts : 1.0);
+    const double volts = s.trigger ? 0.0 : VoltsPerUnit(s.unit), tesla = s.trigger ? 0.0 : TeslaPerUnit(s.unit);
+    s.gain = perDigital * (volts > 0 ? volts : tesla > 0 ? tesla : 1.0);
     s.shift = pmin * static_cast<double>(dmax - dmin) / (pmax - pmin) - static_cast<double>(dmin);
     s.triggerWord = s.trigger && m_bytes == 3 && IsEqual(s.label, "Status", false);
     if (s.triggerWord) {
@@ -267,8 +278,8 @@ void CEDF_BDF::SetScaling(Signal& s, double pmin, double pmax, long long dmin, l
     }
     if (s.trigger || s.annotation)
         s.unit.clear();
-    else if (volts > 0)
-        s.unit = "V";
+    else if (volts > 0 || tesla > 0)
+        s.unit = volts > 0 ? "V" : "T";
 }
 
 void CEDF_BDF::SetChannels()

@@ -13,8 +13,9 @@
 // the records it holds in full.
 //
 // Values: (digital - dmin) x (pmax - pmin) / (dmax - dmin) + pmin in double, converted to volts
-// when the physical dimension is a voltage (nV, uV, µV, mV, V; the unit then reads "V"), else in
-// the stated unit, rounded once to float. Trigger channels (type 0x8000: labels containing TRIG
+// when the physical dimension is a voltage (nV, uV, µV, mV, V; the unit then reads "V"), to tesla
+// when it is a magnetic field (fT, pT, nT, uT, mT, T; the unit reads "T"), else in the stated
+// unit, rounded once to float. Trigger channels (type 0x8000: labels containing TRIG
 // or STATUS or starting with STI, or a transducer type naming trigger, stim or status, in any
 // letter case) deliver codes without a unit: a BDF Status its stored word's low 16 bits (the
 // BioSemi trigger lines), any other its physical value in its own unit.

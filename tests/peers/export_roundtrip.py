@@ -29,17 +29,26 @@ def recordings(data):
                 yield os.path.join(folder, name[: -len(".expected.json")])
 
 
-def edf_steps(path):
-    """Per data signal of an EDF/BDF header: the physical step in volts (other units: as stated)."""
+# Where MNE cannot follow, and why; reported as skipped.
+KNOWN = {("windaq/AUTO.WDQ", "vhdr"): "MNE's configparser takes the unit '%' for an interpolation"}
+PREFIX = {"f": 1e-15, "p": 1e-12, "n": 1e-9, "u": 1e-6, "m": 1e-3}
+
+
+def edf_signals(path):
+    """Per data signal of an EDF/BDF header: the step in SI units, and the factor that takes MNE's
+    values there (MNE scales uV and mV to volts and leaves other units as they are)."""
     with open(path, "rb") as f:
-        head = f.read(256)
-        ns = int(head[252:256])
+        ns = int(f.read(256)[252:256])
         signals = f.read(256 * ns)
     column = lambda offset, width: [signals[ns * offset + width * i: ns * offset + width * (i + 1)].decode("latin-1").strip() for i in range(ns)]
-    scale = {"uV": 1e-6, "mV": 1e-3}
     labels, units = column(0, 16), column(96, 8)
     pmin, pmax, dmin, dmax = (list(map(float, column(o, 8))) for o in (104, 112, 120, 128))
-    return [(pmax[i] - pmin[i]) / (dmax[i] - dmin[i]) * scale.get(units[i], 1) for i in range(ns) if not labels[i].endswith("Annotations")]
+    out = []
+    for i in range(ns):
+        si = PREFIX.get(units[i][:1], 1) if len(units[i]) == 2 and units[i][1] in "VT" else 1
+        if not labels[i].endswith("Annotations"):
+            out.append(((pmax[i] - pmin[i]) / (dmax[i] - dmin[i]) * si, 1 if units[i].endswith("V") else si))
+    return out
 
 
 def compare(source, out, kind, info, dump, events):
@@ -47,8 +56,9 @@ def compare(source, out, kind, info, dump, events):
         warnings.simplefilter("ignore")
         raw = READERS[kind](out, preload=False, verbose="error")
     problems = []
-    if raw.ch_names != dump["channels"]:
-        problems.append(f"channels {raw.ch_names[:5]}... != {dump['channels'][:5]}...")
+    names = [n[:16] for n in dump["channels"]] if kind != "vhdr" else dump["channels"]
+    if raw.ch_names != names:
+        problems.append(f"channels {raw.ch_names[:5]}... != {names[:5]}...")
         return problems
     if abs(raw.info["sfreq"] - info["sample_rate"]) > 1e-3 * info["sample_rate"]:
         problems.append(f"rate {raw.info['sfreq']} != {info['sample_rate']}")
@@ -56,22 +66,29 @@ def compare(source, out, kind, info, dump, events):
     theirs = raw.get_data(start=0, stop=n)
     ours = np.array(dump["data"], dtype=np.float64).reshape(len(dump["channels"]), n)
     rates = raw._raw_extras[0].get("n_samps") if kind != "vhdr" else None
-    steps = edf_steps(out) if kind != "vhdr" else None
+    signals = edf_signals(out) if kind != "vhdr" else None
     for c, name in enumerate(raw.ch_names):
         if rates is not None and rates[c] != max(rates):
             continue  # MNE interpolates slower channels; filelib holds their samples
-        if kind == "vhdr":
-            bad = np.flatnonzero(theirs[c].astype(np.float32) != ours[c].astype(np.float32))
+        if kind == "vhdr":  # the float32 samples, scaled by MNE's factor of the stated unit
+            bad = np.flatnonzero(theirs[c] != ours[c].astype(np.float32).astype(np.float64) * raw._cals[c])
         else:
-            tolerance = 0.5 * steps[c] * (1 + 1e-6) + np.abs(ours[c]) * 2.4e-7
-            bad = np.flatnonzero(np.abs(theirs[c] - ours[c]) > tolerance)
+            step, to_si = signals[c]
+            tolerance = 0.5 * step * (1 + 1e-6) + np.abs(ours[c]) * 2.4e-7
+            bad = np.flatnonzero(np.abs(theirs[c] * to_si - ours[c]) > tolerance)
         if bad.size:
             i = bad[0]
             problems.append(f"{name}: {bad.size} samples differ, first at {i}: {theirs[c][i]!r} != {ours[c][i]!r}")
     rate = info["sample_rate"]
-    mine = sorted((e["begin"] / rate, e["name"]) for e in events)
+    # Segment boundaries (kind 0) are BrainVision's unnamed "New Segment" markers, which also
+    # open a file with its date: they are compared in EDF, where they keep their names. Events
+    # past the recording's end (a clipped file's) are not written.
+    skipped = ("Epoch start", "New Segment") if kind == "vhdr" else ("Epoch start",)
+    mine = sorted((e["begin"] / rate, e["name"]) for e in events
+                  if 0 <= e["begin"] < info["slices"] and not (kind == "vhdr" and e["kind"] == 0))
     seen = sorted((o, d[:-1] if kind == "vhdr" and d.endswith("/") else d)
-                  for o, d in zip(raw.annotations.onset, raw.annotations.description) if d != "Epoch start")
+                  for o, d in zip(raw.annotations.onset, raw.annotations.description)
+                  if (d[:-1] if kind == "vhdr" else d) not in skipped)
     if len(mine) != len(seen):
         problems.append(f"{len(seen)} events read, {len(mine)} written")
     for (onset, text), (their_onset, their_text) in zip(mine, seen):
@@ -89,6 +106,8 @@ def main():
             if status != 0:
                 continue  # not a recording filelib reads
             info = json.loads(text)
+            if not info["channels"]:
+                continue  # nothing to export (an annotations-only EDF+)
             count = min(info["slices"], SLICES)
             dump = json.loads(tool("dump", source, "--count", str(count), "--json")[1])
             events = json.loads(tool("events", source, "--json")[1])
@@ -96,6 +115,9 @@ def main():
                 out = os.path.join(tmp, f"copy.{kind}")
                 status, _, err = tool("convert", source, out, "--force")
                 name = f"{os.path.relpath(source, sys.argv[2])} -> {kind}"
+                if (os.path.relpath(source, sys.argv[2]), kind) in KNOWN:
+                    print(f"skip {name}: {KNOWN[os.path.relpath(source, sys.argv[2]), kind]}")
+                    continue
                 try:
                     problems = [err.strip()] if status else compare(source, out, kind, info, dump, events)
                 except Exception as error:  # MNE refuses the file
