@@ -23,6 +23,7 @@
 #include "filelib/readers/Persyst.h"
 #include "filelib/readers/Plexon.h"
 #include "filelib/readers/WinDaq.h"
+#include "filelib/filelib.h"
 
 namespace {
 template <typename Reader>
@@ -95,6 +96,13 @@ int UnprobedReaderByExtension(const std::string& fileName)
         if (IsEqual(extension, row.extension, false) && FindReader(row.code))
             return row.code;
     return 0;
+}
+
+int DetectReader(CFilelib& f, const std::string& path)
+{
+    std::string name = path;
+    const int code = f.GuessFileMFR(name);
+    return code != 0 ? code : UnprobedReaderByExtension(path);
 }
 
 const ecReaderEntry* FindReader(int code)

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+class CFilelib;
 class ecFilebase;
 
 struct ecReaderEntry {
@@ -25,5 +26,8 @@ const ecReaderEntry* FindReader(int code);
 // or 0. The facade's detection does not use it; the program falls back on it when detection
 // finds nothing.
 int UnprobedReaderByExtension(const std::string& fileName);
+// The reader code for the file at `path`: the facade's detection first (which makes `path` the
+// facade's input file), then the never-probed reader of its extension; 0 when neither knows it.
+int DetectReader(CFilelib& f, const std::string& path);
 // "Neuroscan (4), ..." for messages that list what is supported.
 std::string SupportedFormatsText();

@@ -35,18 +35,12 @@ void Open(CFilelib& f, const std::string& path, int format)
     if (format != 0 && !FindReader(format))
         throw std::runtime_error("--format " + std::to_string(format) + " is no reader's code. Supported formats: " +
                                  SupportedFormatsText() + ".");
-    std::string name = path;
-    int code = format;
-    if (code == 0 && f.GuessFileMFR(name) == 0) {
-        code = UnprobedReaderByExtension(path);
-        if (code == 0)
-            throw Unrecognized(path + " is not a recording filelib recognises. Supported formats: " +
-                               SupportedFormatsText() + ".");
-    }
-    if (code != 0) {
-        f.SetInputFileName(path.c_str());
-        f.SetFileSource(code);
-    }
+    const int code = format != 0 ? format : DetectReader(f, path);
+    if (code == 0)
+        throw Unrecognized(path + " is not a recording filelib recognises. Supported formats: " +
+                           SupportedFormatsText() + ".");
+    f.SetInputFileName(path.c_str());
+    f.SetFileSource(code);
     f.Initialize(0);
 }
 
