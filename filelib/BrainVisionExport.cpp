@@ -88,8 +88,8 @@ void BrainVisionWriter::DescribeChannels()
     for (int c : m_window.channels) {
         Channel ch;
         ch.chan = c;
-        ch.name = exportkit::ChannelName(m_source, c);
-        ch.unit = exportkit::ChannelUnit(m_source, c);
+        ch.name = ChannelName(m_source, c);
+        ch.unit = ChannelUnit(m_source, c);
         ch.survey = exportkit::GridSurvey(m_source, c);
         if (ch.unit == "V" && m_int16) {
             ch.unit = "\xC2\xB5V";

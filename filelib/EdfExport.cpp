@@ -318,7 +318,7 @@ void EdfWriter::DescribeSignals()
     for (int c : m_window.channels) {
         Signal s;
         s.chan = c;
-        s.label = Fit(exportkit::ChannelName(m_source, c), 16, "label", m_warnings);
+        s.label = Fit(ChannelName(m_source, c), 16, "label", m_warnings);
         s.transducer = Fit(entry(info.channelTransducers, c), 80, "transducer of " + s.label, m_warnings);
         s.filter = Fit(entry(info.channelFilters, c), 80, "prefiltering of " + s.label, m_warnings);
         s.survey = exportkit::GridSurvey(m_source, c);
@@ -493,7 +493,7 @@ bool EdfWriter::WriteData(FILE* out, ecProgressDlg* progress)
     if (reader.Cancelled())
         return false;
     for (Signal& s : m_signals) {
-        ChooseRange(s, exportkit::ChannelUnit(m_source, s.chan), m_width, m_warnings);
+        ChooseRange(s, ChannelUnit(m_source, s.chan), m_width, m_warnings);
         s.range.unit = Fit(s.range.unit, 8, "unit of " + s.label, m_warnings);
     }
     const std::string header = Header();

@@ -189,20 +189,6 @@ bool WindowStart(CFilelib& source, const Window& window, std::string& date, std:
     return true;
 }
 
-std::string ChannelName(CFilelib& source, int chan)
-{
-    std::string s;
-    source.GetChanName(chan, s);
-    return s;
-}
-
-std::string ChannelUnit(CFilelib& source, int chan)
-{
-    std::string s;
-    source.GetChanUnit(chan, s);
-    return s;
-}
-
 double FloatDigits(double value)
 {
     char text[32];

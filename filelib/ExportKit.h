@@ -98,9 +98,6 @@ std::vector<long> EpochStarts(CFilelib& source, const Window& window);
 // The date ("YYYY-MM-DD") and time ("hh:mm:ss", whole seconds) of the window's first slice, where
 // the recording states its start; false (both empty) where it does not.
 bool WindowStart(CFilelib& source, const Window& window, std::string& date, std::string& time);
-// The channel's name and unit.
-std::string ChannelName(CFilelib& source, int chan);
-std::string ChannelUnit(CFilelib& source, int chan);
 // The recording's sample rate rid of the float noise of its single-precision period (250 Hz
 // rather than 249.99998, 1000 Hz rather than 999.9999): of the rate and the period to seven
 // significant digits, the shorter; the fastest channel's when the channels state their own rates.

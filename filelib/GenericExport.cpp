@@ -26,7 +26,7 @@ void CopyMetadata(CFilelib& source, CGeneric& target, const exportkit::Window& w
     target.SetNumChans(channels);
     for (int i = 0; i < channels; ++i) {
         const int c = w.channels[static_cast<size_t>(i)];
-        std::string name = exportkit::ChannelName(source, c), unit = exportkit::ChannelUnit(source, c);
+        std::string name = ChannelName(source, c), unit = ChannelUnit(source, c);
         target.SetChanName(i, name);
         target.SetChanUnit(i, unit);
         target.SetChanType(i, source.GetChanType(c));

@@ -129,3 +129,18 @@ private:
     int m_iRunType = 0;
     std::shared_ptr<ecFilebase> m_activeFile;
 };
+
+// A channel's name and unit as values, for callers that read them once.
+inline std::string ChannelName(CFilelib& f, int chan)
+{
+    std::string s;
+    f.GetChanName(chan, s);
+    return s;
+}
+
+inline std::string ChannelUnit(CFilelib& f, int chan)
+{
+    std::string s;
+    f.GetChanUnit(chan, s);
+    return s;
+}

@@ -60,20 +60,6 @@ const char* RunTypeWord(unsigned runType)
     }
 }
 
-std::string Name(CFilelib& f, int c)
-{
-    std::string s;
-    f.GetChanName(c, s);
-    return s;
-}
-
-std::string Unit(CFilelib& f, int c)
-{
-    std::string s;
-    f.GetChanUnit(c, s);
-    return s;
-}
-
 // The rate is kept as a single-precision period, so its inverse carries float noise (999.9999
 // for 1000 Hz). The rate meant is the shortest decimal with the same period; it is shown, and
 // times are computed, with that.
@@ -101,7 +87,7 @@ std::string KindOf(CFilelib& f, int c)
         return "trigger";
     if (type & kChanMEG)
         return "MEG";
-    const std::string inferred = InferChannelType(Name(f, c));
+    const std::string inferred = InferChannelType(ChannelName(f, c));
     return !inferred.empty() ? inferred : (type & kChanEEG) ? "EEG" : "misc";
 }
 
@@ -178,7 +164,7 @@ std::vector<int> ChannelsOf(CFilelib& f, const Options& o)
     for (const std::string& wanted : o.channels) {
         int found = -1;
         for (int c = 0; c < f.GetNumChans() && found < 0; ++c)
-            if (Name(f, c) == wanted)
+            if (ChannelName(f, c) == wanted)
                 found = c;
         if (found < 0)
             throw std::runtime_error("no channel named \"" + wanted + "\" in " + o.file);
@@ -299,7 +285,7 @@ std::string ReferenceWords(CFilelib& f)
     std::string words = type == 2 ? "common reference channel" : type == 8 ? "average reference"
                         : type == 0 ? "not stated" : "type " + std::to_string(type);
     if (chan >= 0 && chan < f.GetNumChans())
-        words += " (channel " + std::to_string(chan) + ", " + Name(f, chan) + ")";
+        words += " (channel " + std::to_string(chan) + ", " + ChannelName(f, chan) + ")";
     return words;
 }
 
@@ -372,8 +358,8 @@ void PrintInfoJson(CFilelib& f, const Facts& facts)
               << ", \"events\": " << facts.events << ", \"channels\": [";
     for (int c = 0; c < f.GetNumChans(); ++c) {
         const size_t i = static_cast<size_t>(c);
-        std::cout << (c ? "," : "") << "\n  {\"name\": " << JsonString(Name(f, c)) << ", \"type\": " << f.GetChanType(c)
-                  << ", \"kind\": " << JsonString(facts.kinds[i]) << ", \"unit\": " << JsonString(Unit(f, c))
+        std::cout << (c ? "," : "") << "\n  {\"name\": " << JsonString(ChannelName(f, c)) << ", \"type\": " << f.GetChanType(c)
+                  << ", \"kind\": " << JsonString(facts.kinds[i]) << ", \"unit\": " << JsonString(ChannelUnit(f, c))
                   << ", \"scale\": " << JsonFloat(f.GetChanScale(c)) << ", \"offset\": " << JsonFloat(reader->GetChanOffset(c))
                   << ", \"rate\": " << (i < r.channelRates.size() ? JsonNumber(r.channelRates[i]) : "null")
                   << ", \"filter\": " << JsonText(Cell(r.channelFilters, c))
@@ -413,8 +399,8 @@ void PrintInfoText(CFilelib& f, const Facts& facts, const std::string& file)
                 transducers ? " | transducer" : "");
     for (int c = 0; c < f.GetNumChans(); ++c) {
         const size_t i = static_cast<size_t>(c);
-        std::printf("%6d  %-16s %-8s %#8x %-6s %12g %12g", c, Name(f, c).c_str(), facts.kinds[i].c_str(),
-                    f.GetChanType(c), Unit(f, c).c_str(), f.GetChanScale(c), reader->GetChanOffset(c));
+        std::printf("%6d  %-16s %-8s %#8x %-6s %12g %12g", c, ChannelName(f, c).c_str(), facts.kinds[i].c_str(),
+                    f.GetChanType(c), ChannelUnit(f, c).c_str(), f.GetChanScale(c), reader->GetChanOffset(c));
         if (rates)
             std::printf(" %9s", i < r.channelRates.size() ? JsonNumber(r.channelRates[i]).c_str() : "");
         if (!r.badChannels.empty())
@@ -497,7 +483,7 @@ int RunDump(const Options& o)
     if (o.json) {
         std::cout << "{\"first\": " << sel.first << ", \"count\": " << n << ", \"channels\": [";
         for (size_t i = 0; i < sel.channels.size(); ++i)
-            std::cout << (i ? ", " : "") << JsonString(Name(f, sel.channels[i]));
+            std::cout << (i ? ", " : "") << JsonString(ChannelName(f, sel.channels[i]));
         std::cout << "], \"time_s\": [";
         for (int s = 0; s < n; ++s)
             std::cout << (s ? ", " : "") << time(sel.first + s);
@@ -514,7 +500,7 @@ int RunDump(const Options& o)
     const char* sep = o.csv ? "," : "\t";
     std::cout << "slice" << sep << "time_s";
     for (int c : sel.channels)
-        std::cout << sep << Name(f, c);
+        std::cout << sep << ChannelName(f, c);
     std::cout << "\n";
     for (int s = 0; s < n; ++s) {
         std::cout << sel.first + s << sep << time(sel.first + s);
@@ -565,7 +551,7 @@ int RunStats(const Options& o)
     std::printf("%-16s %14s %14s %14s %14s\n", "channel", "min", "max", "mean", "rms");
     for (size_t i = 0; i < chans; ++i) {
         const double mean = total ? sum[i] / total : 0, rms = total ? std::sqrt(sq[i] / total) : 0;
-        std::printf("%-16s %14.6g %14.6g %14.6g %14.6g\n", Name(f, sel.channels[i]).c_str(), total ? lo[i] : 0.0,
+        std::printf("%-16s %14.6g %14.6g %14.6g %14.6g\n", ChannelName(f, sel.channels[i]).c_str(), total ? lo[i] : 0.0,
                     total ? hi[i] : 0.0, mean, rms);
     }
     std::printf("%ld slices from %ld read in %.3f s (%.0f slices/s)\n", total, sel.first, seconds,

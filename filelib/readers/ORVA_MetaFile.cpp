@@ -79,20 +79,6 @@ bool SameRate(double a, double b) { return std::fabs(a - b) <= 1e-6 * std::max(s
 
 bool Epoched(CFilelib& f) { return f.GetRunType() != kRunContinuous; }
 
-std::string ChannelName(CFilelib& f, int c)
-{
-    std::string s;
-    f.GetChanName(c, s);
-    return s;
-}
-
-std::string ChannelUnit(CFilelib& f, int c)
-{
-    std::string s;
-    f.GetChanUnit(c, s);
-    return s;
-}
-
 }  // namespace
 
 ecORVA_MetaFile::ecORVA_MetaFile(const char* fileName) { SetInputFileName(fileName ? fileName : ""); }
