@@ -284,9 +284,20 @@ __m128i Swap32(__m128i v)
     return BigEndian ? Swap16<true>(_mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xB1), 0xB1)) : v;
 }
 
+// One channel's constants, in registers.
+struct Lanes {
+    __m128 shiftF, gainF, calFactor, calOffset;
+    __m128d shift, gain;
+    explicit Lanes(const Conversion& c)
+        : shiftF(_mm_set1_ps(c.shiftF)), gainF(_mm_set1_ps(c.gainF)), calFactor(_mm_set1_ps(c.calFactor)),
+          calOffset(_mm_set1_ps(c.calOffset)), shift(_mm_set1_pd(c.shift)), gain(_mm_set1_pd(c.gain))
+    {
+    }
+};
+
 // Four values of one channel (32-bit integers, or float bits) in the channel's arithmetic.
 template <int Mode, bool Calibrated, bool Floats>
-__m128 Convert4(__m128i v, const Conversion& conv)
+__m128 Convert4(__m128i v, const Lanes& k)
 {
     __m128 f;
     if constexpr (Mode == kExact) {
@@ -299,66 +310,66 @@ __m128 Convert4(__m128i v, const Conversion& conv)
             lo = _mm_cvtepi32_pd(v);
             hi = _mm_cvtepi32_pd(_mm_shuffle_epi32(v, 0xEE));
         }
-        const __m128d shift = _mm_set1_pd(conv.shift), gain = _mm_set1_pd(conv.gain);
-        f = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(lo, shift), gain)),
-                          _mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(hi, shift), gain)));
+        f = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(lo, k.shift), k.gain)),
+                          _mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(hi, k.shift), k.gain)));
     } else {
         const __m128 x = Floats ? _mm_castsi128_ps(v) : _mm_cvtepi32_ps(v);
-        f = _mm_mul_ps(_mm_sub_ps(x, _mm_set1_ps(conv.shiftF)), _mm_set1_ps(conv.gainF));
+        f = _mm_mul_ps(_mm_sub_ps(x, k.shiftF), k.gainF);
     }
     if constexpr (Calibrated)
-        f = _mm_add_ps(_mm_mul_ps(f, _mm_set1_ps(conv.calFactor)), _mm_set1_ps(conv.calOffset));
+        f = _mm_add_ps(_mm_mul_ps(f, k.calFactor), k.calOffset);
     return f;
 }
 
-// One block: slices from `p`, `stride` bytes apart; channel j's values go to out[j].
-using Block = void (*)(const uint8_t* p, long long stride, const Conversion* conv, float* const* out);
+// Blocks of slices from `p`, `stride` bytes apart, `groups` blocks one after the other; channel
+// j's values go to out[j] on.
+using Block = void (*)(const uint8_t* p, long long stride, long long groups, const Conversion* conv, float* const* out);
 
 template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
-void Block16(const uint8_t* p, long long stride, const Conversion* conv, float* const* out)
+void Block16(const uint8_t* p, long long stride, long long groups, const Conversion* conv, float* const* out)
 {
-    __m128i r[8];
-    for (int k = 0; k < 8; ++k)
-        r[k] = Swap16<BigEndian>(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + k * stride)));
-    // Pairs of slices (channels 0-3 and 4-7 apart), then fours, then all eight: r[j] ends as
-    // channel j's eight slices.
-    __m128i lo[4], hi[4];
-    for (int k = 0; k < 4; ++k) {
-        lo[k] = _mm_unpacklo_epi16(r[2 * k], r[2 * k + 1]);
-        hi[k] = _mm_unpackhi_epi16(r[2 * k], r[2 * k + 1]);
-    }
-    __m128i quads[2][4];  // slices 0-3, then 4-7: channels 2j and 2j + 1 in quads[h][j]
-    for (int h = 0; h < 2; ++h) {
-        const __m128i* l = lo + 2 * h;
-        const __m128i* u = hi + 2 * h;
-        quads[h][0] = _mm_unpacklo_epi32(l[0], l[1]);
-        quads[h][1] = _mm_unpackhi_epi32(l[0], l[1]);
-        quads[h][2] = _mm_unpacklo_epi32(u[0], u[1]);
-        quads[h][3] = _mm_unpackhi_epi32(u[0], u[1]);
-    }
-    for (int j = 0; j < 4; ++j) {
-        r[2 * j] = _mm_unpacklo_epi64(quads[0][j], quads[1][j]);
-        r[2 * j + 1] = _mm_unpackhi_epi64(quads[0][j], quads[1][j]);
-    }
-    for (int j = 0; j < 8; ++j) {
-        const __m128i lo = Signed ? _mm_srai_epi32(_mm_unpacklo_epi16(r[j], r[j]), 16)
-                                  : _mm_unpacklo_epi16(r[j], _mm_setzero_si128());
-        const __m128i hi = Signed ? _mm_srai_epi32(_mm_unpackhi_epi16(r[j], r[j]), 16)
-                                  : _mm_unpackhi_epi16(r[j], _mm_setzero_si128());
-        _mm_storeu_ps(out[j], Convert4<Mode, Calibrated, false>(lo, conv[j]));
-        _mm_storeu_ps(out[j] + 4, Convert4<Mode, Calibrated, false>(hi, conv[j]));
+    const Lanes k[8] = {Lanes(conv[0]), Lanes(conv[1]), Lanes(conv[2]), Lanes(conv[3]),
+                        Lanes(conv[4]), Lanes(conv[5]), Lanes(conv[6]), Lanes(conv[7])};
+    for (long long g = 0; g < groups; ++g, p += 8 * stride) {
+        __m128i r[8];
+        for (int s = 0; s < 8; ++s)
+            r[s] = Swap16<BigEndian>(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + s * stride)));
+        // Pairs of slices (channels 0-3 and 4-7 apart), then fours: quads[h][j] holds channels
+        // 2j and 2j + 1 of slices 4h to 4h + 3, which widen straight into their 32-bit values.
+        __m128i lo[4], hi[4];
+        for (int s = 0; s < 4; ++s) {
+            lo[s] = _mm_unpacklo_epi16(r[2 * s], r[2 * s + 1]);
+            hi[s] = _mm_unpackhi_epi16(r[2 * s], r[2 * s + 1]);
+        }
+        for (int h = 0; h < 2; ++h) {
+            const __m128i* l = lo + 2 * h;
+            const __m128i* u = hi + 2 * h;
+            const __m128i quads[4] = {_mm_unpacklo_epi32(l[0], l[1]), _mm_unpackhi_epi32(l[0], l[1]),
+                                      _mm_unpacklo_epi32(u[0], u[1]), _mm_unpackhi_epi32(u[0], u[1])};
+            for (int j = 0; j < 4; ++j) {
+                const __m128i even = Signed ? _mm_srai_epi32(_mm_unpacklo_epi16(quads[j], quads[j]), 16)
+                                            : _mm_unpacklo_epi16(quads[j], _mm_setzero_si128());
+                const __m128i odd = Signed ? _mm_srai_epi32(_mm_unpackhi_epi16(quads[j], quads[j]), 16)
+                                           : _mm_unpackhi_epi16(quads[j], _mm_setzero_si128());
+                _mm_storeu_ps(out[2 * j] + 8 * g + 4 * h, Convert4<Mode, Calibrated, false>(even, k[2 * j]));
+                _mm_storeu_ps(out[2 * j + 1] + 8 * g + 4 * h, Convert4<Mode, Calibrated, false>(odd, k[2 * j + 1]));
+            }
+        }
     }
 }
 
 template <bool BigEndian, bool Floats, int Mode, bool Calibrated>
-void Block32(const uint8_t* p, long long stride, const Conversion* conv, float* const* out)
+void Block32(const uint8_t* p, long long stride, long long groups, const Conversion* conv, float* const* out)
 {
-    __m128 r[4];
-    for (int k = 0; k < 4; ++k)
-        r[k] = _mm_castsi128_ps(Swap32<BigEndian>(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + k * stride))));
-    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
-    for (int j = 0; j < 4; ++j)
-        _mm_storeu_ps(out[j], Convert4<Mode, Calibrated, Floats>(_mm_castps_si128(r[j]), conv[j]));
+    const Lanes k[4] = {Lanes(conv[0]), Lanes(conv[1]), Lanes(conv[2]), Lanes(conv[3])};
+    for (long long g = 0; g < groups; ++g, p += 4 * stride) {
+        __m128 r[4];
+        for (int s = 0; s < 4; ++s)
+            r[s] = _mm_castsi128_ps(Swap32<BigEndian>(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + s * stride))));
+        _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+        for (int j = 0; j < 4; ++j)
+            _mm_storeu_ps(out[j] + 4 * g, Convert4<Mode, Calibrated, Floats>(_mm_castps_si128(r[j]), k[j]));
+    }
 }
 
 struct Mover {
@@ -439,10 +450,10 @@ void MoveInterleaved(Decode decode, const Interleaved& in, const Mover& mover, l
             bool blocks = c1 - c0 == mover.channels;
             for (long long c = c0; c < c1; ++c)
                 blocks = blocks && in.rows[c];
-            for (long long t = t0; blocks && t < whole; t += mover.slices) {
+            if (blocks) {
                 for (long long j = 0; j < mover.channels; ++j)
-                    out[j] = in.rows[c0 + j] + in.column + t;
-                mover.block(src + (t - t0) * stride + c0 * width, stride, in.conv + c0, out);
+                    out[j] = in.rows[c0 + j] + in.column + t0;
+                mover.block(src + c0 * width, stride, (whole - t0) / mover.slices, in.conv + c0, out);
             }
             for (long long c = c0; c < c1; ++c)
                 if (in.rows[c] && (!blocks || whole < t1))
