@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -592,12 +593,21 @@ class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override
     {
-        for (const Run& run : runs)
-            if (!run.error_occurred && run.counters.count("bytes_per_second"))
+        // With repetitions, the median stands for the format (other aggregates are not rates).
+        for (const Run& run : runs) {
+            const bool aggregate = run.run_type == Run::RT_Aggregate;
+            if (run.error_occurred || !run.counters.count("bytes_per_second") ||
+                (aggregate && run.aggregate_name != "median"))
+                continue;
+            if (aggregate || !medians.count(run.run_name.function_name))
                 rates[run.run_name.function_name] = run.counters.at("bytes_per_second").value;
+            if (aggregate)
+                medians.insert(run.run_name.function_name);
+        }
         ConsoleReporter::ReportRuns(runs);
     }
     std::map<std::string, double> rates;
+    std::set<std::string> medians;
 };
 
 }  // namespace

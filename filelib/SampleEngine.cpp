@@ -5,7 +5,7 @@
 #include <type_traits>
 
 #if defined(__SSE2__)
-#include <xmmintrin.h>
+#include <immintrin.h>
 #endif
 #include <utility>
 
@@ -89,6 +89,7 @@ struct Conversion {
     float gainF, shiftF, calFactor, calOffset;
     int64_t mask;
     float divisor;
+    int mode;  // the Arithmetic
 
     template <int Mode, bool Calibrated, typename Decode>
     float Apply(Decode decode, const uint8_t* p) const
@@ -131,9 +132,10 @@ void ConvertRun(Decode decode, const Conversion& conv, const ecChannelLayout& ch
 }
 
 template <bool Calibrated, typename Decode>
-void ConvertChannel(int mode, Decode decode, const Conversion& conv, const ecChannelLayout& ch, const uint8_t* base,
+void ConvertChannel(Decode decode, const Conversion& conv, const ecChannelLayout& ch, const uint8_t* base,
                     long long lo, long long segmentSlices, float* out, long long t0, long long t1)
 {
+    const int mode = conv.mode;
     if (mode == kExact)
         ConvertRun<kExact, Calibrated>(decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
     else if (mode == kSingle)
@@ -246,134 +248,352 @@ std::pair<long long, long long> Span(const ecDataLayout& layout, long long segme
 }
 }  // namespace
 
-// Slice-major floats (`perSlice` apart) into channel rows. Four slices of four channels at a time
-// travel as one register transpose, so that every row is written sixteen bytes at a time instead
-// of one value per cache line touched.
-void ecSampleEngine::Transpose(const float* in, long long perSlice, long long n, float* const* rows,
-                               long long column) const
-{
-    const size_t count = m_layout.channels.size();
-    long long t = 0;
 #if defined(__SSE2__)
-    for (; t + 4 <= n; t += 4) {
-        const float* p = in + t * perSlice;
-        size_t c = 0;
-        for (; c + 4 <= count; c += 4) {
-            __m128 r0 = _mm_loadu_ps(p + c), r1 = _mm_loadu_ps(p + perSlice + c);
-            __m128 r2 = _mm_loadu_ps(p + 2 * perSlice + c), r3 = _mm_loadu_ps(p + 3 * perSlice + c);
-            _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-            _mm_storeu_ps(rows[c] + column + t, r0);
-            _mm_storeu_ps(rows[c + 1] + column + t, r1);
-            _mm_storeu_ps(rows[c + 2] + column + t, r2);
-            _mm_storeu_ps(rows[c + 3] + column + t, r3);
-        }
-        for (; c < count; ++c)
-            for (long long k = 0; k < 4; ++k)
-                rows[c][column + t + k] = p[k * perSlice + static_cast<long long>(c)];
-    }
-#endif
-    for (size_t c = 0; c < count; ++c)
-        for (long long k = t; k < n; ++k)
-            rows[c][column + k] = in[k * perSlice + static_cast<long long>(c)];
-}
+namespace {
+// Multiplexed samples move into their rows as register blocks: eight slices of eight 16-bit
+// channels (four of four 32-bit ones) are loaded as they lie, transposed in registers while still
+// in their stored width, then widened, converted with each channel's own constants and stored as
+// runs of its row. Samples of 1 and 3 bytes are first widened to 32-bit integers in storage order.
+// The arithmetic is the scalar one lane by lane (no fused operations), so values are identical.
 
-template <typename Decode>
-bool ecSampleEngine::ConvertInterleaved(Decode decode, const uint8_t* base, long long lo, const Target& target,
-                                        long long a, long long b)
+// Channels side by side, every one a sample per slice, one stride apart: what the blocks handle.
+bool Multiplexed(const ecDataLayout& layout, int width)
 {
-    // Slice-major samples move into channel rows fastest in two steps: the tile's values to floats
-    // in storage order (a loop the compiler vectorises), then the 4-byte floats to their rows.
-    // Only where that float is the stored number itself: integers of up to 24 bits, and floats.
-    using Raw = decltype(decode(base));
-    constexpr bool floatHoldsIt = Decode::kWidth <= 3 || std::is_same_v<Raw, float>;
-    const std::vector<ecChannelLayout>& chans = m_layout.channels;
-    if (!floatHoldsIt || chans.empty() || target.calFactors)
+    const std::vector<ecChannelLayout>& chans = layout.channels;
+    if (chans.empty())
         return false;
-    const long long stride = chans[0].stride, perSlice = stride / Decode::kWidth;
-    if (stride <= Decode::kWidth || stride % Decode::kWidth != 0)
+    const long long stride = chans[0].stride;
+    if (stride <= width)
         return false;
     for (size_t c = 0; c < chans.size(); ++c)
         if (chans[c].samples != 0 || chans[c].mask != 0 || chans[c].divisor != 0 || chans[c].stride != stride ||
-            chans[c].offset != chans[0].offset + static_cast<long long>(c) * Decode::kWidth || !target.rows[c])
+            chans[c].offset != chans[0].offset + static_cast<long long>(c) * width)
             return false;
-    const long long tile = std::max<long long>(8, 4096 / perSlice);
-    m_scratch.resize(static_cast<size_t>(tile * perSlice));
-    m_shiftPattern.assign(static_cast<size_t>(perSlice), 0.0f);  // 0 for stored values nobody reads
-    m_gainPattern.assign(static_cast<size_t>(perSlice), 0.0f);
-    m_exactShift.assign(static_cast<size_t>(perSlice), 0.0);
-    m_exactGain.assign(static_cast<size_t>(perSlice), 0.0);
-    for (size_t c = 0; c < chans.size(); ++c) {
-        m_shiftPattern[c] = static_cast<float>(chans[c].shift);
-        m_gainPattern[c] = static_cast<float>(chans[c].gain);
-        m_exactShift[c] = chans[c].shift;
-        m_exactGain[c] = chans[c].gain;
-    }
-    for (long long t0 = a; t0 < b; t0 += tile) {
-        const long long n = std::min(b, t0 + tile) - t0;
-        const uint8_t* p = base + (chans[0].offset + t0 * stride - lo);
-        const long long column = target.done + (t0 - a);
-        float* scratch = m_scratch.data();
-        // Gain and offset applied in storage order, through one slice's pattern of them, so
-        // that the move into the rows carries no arithmetic.
-        auto fill = [&](auto convert) {
-            for (long long t = 0; t < n; ++t) {
-                // The last slice only up to the last channel wanted: stored values after it (a
-                // trailing channel nobody reads) may lie beyond the bytes read.
-                const long long wanted = t + 1 < n ? perSlice : static_cast<long long>(chans.size());
-                const uint8_t* q = p + t * stride;
-                float* out = scratch + t * perSlice;
-                for (long long c = 0; c < wanted; ++c)
-                    out[c] = convert(decode(q + c * Decode::kWidth), c);
-            }
-        };
-        if (m_layout.exact) {
-            const double* shift = m_exactShift.data();
-            const double* gain = m_exactGain.data();
-            fill([&](Raw v, long long c) { return static_cast<float>((static_cast<double>(v) + shift[c]) * gain[c]); });
-        } else {
-            const float* shift = m_shiftPattern.data();
-            const float* gain = m_gainPattern.data();
-            fill([&](Raw v, long long c) { return (static_cast<float>(v) - shift[c]) * gain[c]; });
-        }
-        Transpose(scratch, perSlice, n, target.rows, column);
-    }
     return true;
 }
 
+template <bool BigEndian>
+__m128i Swap16(__m128i v)
+{
+    return BigEndian ? _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8)) : v;
+}
+
+template <bool BigEndian>
+__m128i Swap32(__m128i v)
+{
+    return BigEndian ? Swap16<true>(_mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xB1), 0xB1)) : v;
+}
+
+// One channel's constants, in registers.
+struct Lanes {
+    __m128 shiftF, gainF, calFactor, calOffset;
+    __m128d shift, gain;
+    explicit Lanes(const Conversion& c)
+        : shiftF(_mm_set1_ps(c.shiftF)), gainF(_mm_set1_ps(c.gainF)), calFactor(_mm_set1_ps(c.calFactor)),
+          calOffset(_mm_set1_ps(c.calOffset)), shift(_mm_set1_pd(c.shift)), gain(_mm_set1_pd(c.gain))
+    {
+    }
+};
+
+// Four values of one channel (32-bit integers, or float bits) in the channel's arithmetic.
+template <int Mode, bool Calibrated, bool Floats>
+__m128 Convert4(__m128i v, const Lanes& k)
+{
+    __m128 f;
+    if constexpr (Mode == kExact) {
+        __m128d lo, hi;
+        if constexpr (Floats) {
+            const __m128 x = _mm_castsi128_ps(v);
+            lo = _mm_cvtps_pd(x);
+            hi = _mm_cvtps_pd(_mm_movehl_ps(x, x));
+        } else {
+            lo = _mm_cvtepi32_pd(v);
+            hi = _mm_cvtepi32_pd(_mm_shuffle_epi32(v, 0xEE));
+        }
+        f = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(lo, k.shift), k.gain)),
+                          _mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(hi, k.shift), k.gain)));
+    } else {
+        const __m128 x = Floats ? _mm_castsi128_ps(v) : _mm_cvtepi32_ps(v);
+        f = _mm_mul_ps(_mm_sub_ps(x, k.shiftF), k.gainF);
+    }
+    if constexpr (Calibrated)
+        f = _mm_add_ps(_mm_mul_ps(f, k.calFactor), k.calOffset);
+    return f;
+}
+
+// Blocks of slices from `p`, `stride` bytes apart, `groups` blocks one after the other; channel
+// j's values go to out[j] on.
+using Block = void (*)(const uint8_t* p, long long stride, long long groups, const Conversion* conv, float* const* out);
+
+template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
+void Block16(const uint8_t* p, long long stride, long long groups, const Conversion* conv, float* const* out)
+{
+    const Lanes k[8] = {Lanes(conv[0]), Lanes(conv[1]), Lanes(conv[2]), Lanes(conv[3]),
+                        Lanes(conv[4]), Lanes(conv[5]), Lanes(conv[6]), Lanes(conv[7])};
+    for (long long g = 0; g < groups; ++g, p += 8 * stride) {
+        __m128i r[8];
+        for (int s = 0; s < 8; ++s)
+            r[s] = Swap16<BigEndian>(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + s * stride)));
+        // Pairs of slices (channels 0-3 and 4-7 apart), then fours: quads[h][j] holds channels
+        // 2j and 2j + 1 of slices 4h to 4h + 3, which widen straight into their 32-bit values.
+        __m128i lo[4], hi[4];
+        for (int s = 0; s < 4; ++s) {
+            lo[s] = _mm_unpacklo_epi16(r[2 * s], r[2 * s + 1]);
+            hi[s] = _mm_unpackhi_epi16(r[2 * s], r[2 * s + 1]);
+        }
+        for (int h = 0; h < 2; ++h) {
+            const __m128i* l = lo + 2 * h;
+            const __m128i* u = hi + 2 * h;
+            const __m128i quads[4] = {_mm_unpacklo_epi32(l[0], l[1]), _mm_unpackhi_epi32(l[0], l[1]),
+                                      _mm_unpacklo_epi32(u[0], u[1]), _mm_unpackhi_epi32(u[0], u[1])};
+            for (int j = 0; j < 4; ++j) {
+                const __m128i even = Signed ? _mm_srai_epi32(_mm_unpacklo_epi16(quads[j], quads[j]), 16)
+                                            : _mm_unpacklo_epi16(quads[j], _mm_setzero_si128());
+                const __m128i odd = Signed ? _mm_srai_epi32(_mm_unpackhi_epi16(quads[j], quads[j]), 16)
+                                           : _mm_unpackhi_epi16(quads[j], _mm_setzero_si128());
+                _mm_storeu_ps(out[2 * j] + 8 * g + 4 * h, Convert4<Mode, Calibrated, false>(even, k[2 * j]));
+                _mm_storeu_ps(out[2 * j + 1] + 8 * g + 4 * h, Convert4<Mode, Calibrated, false>(odd, k[2 * j + 1]));
+            }
+        }
+    }
+}
+
+template <bool BigEndian, bool Floats, int Mode, bool Calibrated>
+void Block32(const uint8_t* p, long long stride, long long groups, const Conversion* conv, float* const* out)
+{
+    const Lanes k[4] = {Lanes(conv[0]), Lanes(conv[1]), Lanes(conv[2]), Lanes(conv[3])};
+    for (long long g = 0; g < groups; ++g, p += 4 * stride) {
+        __m128 r[4];
+        for (int s = 0; s < 4; ++s)
+            r[s] = _mm_castsi128_ps(Swap32<BigEndian>(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + s * stride))));
+        _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+        for (int j = 0; j < 4; ++j)
+            _mm_storeu_ps(out[j] + 4 * g, Convert4<Mode, Calibrated, Floats>(_mm_castps_si128(r[j]), k[j]));
+    }
+}
+
+#if defined(__GNUC__) && defined(__x86_64__)
+// With 256-bit registers holding slice s in their low half and slice s + 4 in their high half, the
+// same two unpack stages leave one channel's eight slices in one register, stored in one go: half
+// the shuffles of the 128-bit blocks, which shuffles bound. Chosen at run time, where the
+// processor has them (no fused multiply-add: the arithmetic stays the scalar one).
+#define FILELIB_AVX2 __attribute__((target("avx2")))
+
+struct WideLanes {
+    __m256 shiftF, gainF, calFactor, calOffset;
+    __m256d shift, gain;
+};
+
+template <int Mode, bool Calibrated>
+FILELIB_AVX2 __m256 Convert8(__m256i v, const WideLanes& k)
+{
+    __m256 f;
+    if constexpr (Mode == kExact) {
+        const __m256d lo = _mm256_cvtepi32_pd(_mm256_castsi256_si128(v));
+        const __m256d hi = _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1));
+        f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(lo, k.shift), k.gain))),
+                                 _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(hi, k.shift), k.gain)), 1);
+    } else {
+        f = _mm256_mul_ps(_mm256_sub_ps(_mm256_cvtepi32_ps(v), k.shiftF), k.gainF);
+    }
+    if constexpr (Calibrated)
+        f = _mm256_add_ps(_mm256_mul_ps(f, k.calFactor), k.calOffset);
+    return f;
+}
+
+template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
+FILELIB_AVX2 void Block16Wide(const uint8_t* p, long long stride, long long groups, const Conversion* conv,
+                              float* const* out)
+{
+    WideLanes k[8];
+    for (int j = 0; j < 8; ++j)
+        k[j] = {_mm256_set1_ps(conv[j].shiftF),    _mm256_set1_ps(conv[j].gainF), _mm256_set1_ps(conv[j].calFactor),
+                _mm256_set1_ps(conv[j].calOffset), _mm256_set1_pd(conv[j].shift), _mm256_set1_pd(conv[j].gain)};
+    for (long long g = 0; g < groups; ++g, p += 8 * stride) {
+        __m256i r[4];
+        for (int s = 0; s < 4; ++s) {
+            const __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + s * stride));
+            const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + (s + 4) * stride));
+            r[s] = _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
+            if (BigEndian)
+                r[s] = _mm256_or_si256(_mm256_slli_epi16(r[s], 8), _mm256_srli_epi16(r[s], 8));
+        }
+        const __m256i lo0 = _mm256_unpacklo_epi16(r[0], r[1]), hi0 = _mm256_unpackhi_epi16(r[0], r[1]);
+        const __m256i lo1 = _mm256_unpacklo_epi16(r[2], r[3]), hi1 = _mm256_unpackhi_epi16(r[2], r[3]);
+        // Channels 2j and 2j + 1, slices 0-3 in the low half and 4-7 in the high half.
+        const __m256i quads[4] = {_mm256_unpacklo_epi32(lo0, lo1), _mm256_unpackhi_epi32(lo0, lo1),
+                                  _mm256_unpacklo_epi32(hi0, hi1), _mm256_unpackhi_epi32(hi0, hi1)};
+        for (int j = 0; j < 4; ++j) {
+            const __m256i q = quads[j];
+            const __m256i even = Signed ? _mm256_srai_epi32(_mm256_unpacklo_epi16(q, q), 16)
+                                        : _mm256_unpacklo_epi16(q, _mm256_setzero_si256());
+            const __m256i odd = Signed ? _mm256_srai_epi32(_mm256_unpackhi_epi16(q, q), 16)
+                                       : _mm256_unpackhi_epi16(q, _mm256_setzero_si256());
+            _mm256_storeu_ps(out[2 * j] + 8 * g, Convert8<Mode, Calibrated>(even, k[2 * j]));
+            _mm256_storeu_ps(out[2 * j + 1] + 8 * g, Convert8<Mode, Calibrated>(odd, k[2 * j + 1]));
+        }
+    }
+}
+
+bool WideBlocks()
+{
+    static const bool has = __builtin_cpu_supports("avx2");
+    return has;
+}
+
+template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
+Block Block16For()
+{
+    return WideBlocks() ? Block16Wide<BigEndian, Signed, Mode, Calibrated> : Block16<BigEndian, Signed, Mode, Calibrated>;
+}
+#else
+template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
+Block Block16For()
+{
+    return Block16<BigEndian, Signed, Mode, Calibrated>;
+}
+#endif
+
+struct Mover {
+    Block block = nullptr;
+    int channels = 0, slices = 0;  // the block's size
+};
+
+template <int Mode, bool Calibrated>
+Mover MoverIn(ecSampleType type, bool bigEndian)
+{
+    switch (type) {
+    case ecSampleType::Int16:
+        return {bigEndian ? Block16For<true, true, Mode, Calibrated>() : Block16For<false, true, Mode, Calibrated>(), 8, 8};
+    case ecSampleType::UInt16:
+        return {bigEndian ? Block16For<true, false, Mode, Calibrated>() : Block16For<false, false, Mode, Calibrated>(), 8, 8};
+    case ecSampleType::Int32:
+        return {bigEndian ? Block32<true, false, Mode, Calibrated> : Block32<false, false, Mode, Calibrated>, 4, 4};
+    case ecSampleType::Float32:
+        return {bigEndian ? Block32<true, true, Mode, Calibrated> : Block32<false, true, Mode, Calibrated>, 4, 4};
+    case ecSampleType::Int8:
+    case ecSampleType::UInt8:
+    case ecSampleType::Int24:  // widened to native 32-bit integers first
+        return {Block32<false, false, Mode, Calibrated>, 4, 4};
+    default:
+        return {};
+    }
+}
+
+// The blocks for the arithmetic every channel shares (one rule per layout); none for others.
+Mover MoverFor(ecSampleType type, bool bigEndian, const Conversion* conv, size_t channels, bool calibrated)
+{
+    const int mode = conv[0].mode;
+    for (size_t c = 1; c < channels; ++c)
+        if (conv[c].mode != mode)
+            return {};
+    if (mode == kExact)
+        return calibrated ? MoverIn<kExact, true>(type, bigEndian) : MoverIn<kExact, false>(type, bigEndian);
+    if (mode == kSingle)
+        return calibrated ? MoverIn<kSingle, true>(type, bigEndian) : MoverIn<kSingle, false>(type, bigEndian);
+    return {};
+}
+
+// One read's multiplexed samples and where they go.
+struct Interleaved {
+    const uint8_t* first;  // the first slice's first sample
+    long long stride;      // bytes from one slice to the next
+    float* const* rows;
+    long long column;      // of the first slice in the rows
+    const Conversion* conv;
+    size_t channels;
+};
+
+// Moves `n` slices tile by tile: the tile's bytes stay in the first-level cache while each row
+// receives a run of it. Channels and slices outside whole blocks, and blocks with a row not
+// wanted, go through `convert` (channel, first slice, end slice; counted from the read's first).
+template <typename Decode, typename Convert>
+void MoveInterleaved(Decode decode, const Interleaved& in, const Mover& mover, long long n, std::vector<int32_t>& widened,
+                     Convert convert)
+{
+    constexpr bool widen = Decode::kWidth == 1 || Decode::kWidth == 3;
+    const long long count = static_cast<long long>(in.channels), width = widen ? 4 : Decode::kWidth;
+    float* out[8];
+    for (long long t0 = 0; t0 < n; t0 += kTileSlices) {
+        const long long t1 = std::min(n, t0 + kTileSlices);
+        const long long whole = t0 + (t1 - t0) / mover.slices * mover.slices;
+        const uint8_t* src = in.first + t0 * in.stride;
+        long long stride = in.stride;
+        if constexpr (widen) {
+            widened.resize(static_cast<size_t>((whole - t0) * count));
+            for (long long t = t0; t < whole; ++t)
+                for (long long c = 0; c < count; ++c)
+                    widened[static_cast<size_t>((t - t0) * count + c)] = decode(in.first + t * in.stride + c * Decode::kWidth);
+            src = reinterpret_cast<const uint8_t*>(widened.data());
+            stride = count * 4;
+        }
+        for (long long c0 = 0; c0 < count; c0 += mover.channels) {
+            const long long c1 = std::min(count, c0 + mover.channels);
+            bool blocks = c1 - c0 == mover.channels;
+            for (long long c = c0; c < c1; ++c)
+                blocks = blocks && in.rows[c];
+            if (blocks) {
+                for (long long j = 0; j < mover.channels; ++j)
+                    out[j] = in.rows[c0 + j] + in.column + t0;
+                mover.block(src + c0 * width, stride, (whole - t0) / mover.slices, in.conv + c0, out);
+            }
+            for (long long c = c0; c < c1; ++c)
+                if (in.rows[c] && (!blocks || whole < t1))
+                    convert(static_cast<size_t>(c), blocks ? whole : t0, t1);
+        }
+    }
+}
+}  // namespace
+#endif
 template <typename Decode>
 void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
                                  long long b)
 {
-    if (ConvertInterleaved(decode, base, lo, target, a, b))
-        return;
     const long long segmentSlices = SegmentSlices();
     const bool calibrated = target.calFactors && target.calOffsets;
-    auto convert = [&](size_t c, long long t0, long long t1) {
-        const ecChannelLayout& ch = m_layout.channels[c];
-        const Conversion conv{ch.gain,
-                              ch.shift,
-                              static_cast<float>(ch.gain),
-                              static_cast<float>(ch.shift),
-                              calibrated ? target.calFactors[c] : 1.0f,
-                              calibrated ? target.calOffsets[c] : 0.0f,
-                              static_cast<int64_t>(ch.mask),
-                              ch.divisor};
+    const std::vector<ecChannelLayout>& chans = m_layout.channels;
+    std::vector<Conversion> convs(chans.size());
+    for (size_t c = 0; c < chans.size(); ++c) {
+        const ecChannelLayout& ch = chans[c];
         const int mode = ch.mask ? kMasked : m_layout.exact ? kExact : ch.divisor != 0 ? kDivided : kSingle;
+        convs[c] = {ch.gain,
+                    ch.shift,
+                    static_cast<float>(ch.gain),
+                    static_cast<float>(ch.shift),
+                    calibrated ? target.calFactors[c] : 1.0f,
+                    calibrated ? target.calOffsets[c] : 0.0f,
+                    static_cast<int64_t>(ch.mask),
+                    ch.divisor,
+                    mode};
+    }
+    auto convert = [&](size_t c, long long t0, long long t1) {
         float* out = target.rows[c] + target.done + (t0 - a);
         if (calibrated)
-            ConvertChannel<true>(mode, decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
+            ConvertChannel<true>(decode, convs[c], chans[c], base, lo, segmentSlices, out, t0, t1);
         else
-            ConvertChannel<false>(mode, decode, conv, ch, base, lo, segmentSlices, out, t0, t1);
+            ConvertChannel<false>(decode, convs[c], chans[c], base, lo, segmentSlices, out, t0, t1);
     };
+#if defined(__SSE2__)
+    if (Multiplexed(m_layout, Decode::kWidth)) {
+        const uint8_t* first = base + (chans[0].offset + a * chans[0].stride - lo);
+        const Interleaved in{first, chans[0].stride, target.rows, target.done, convs.data(), chans.size()};
+        const Mover mover = MoverFor(m_layout.type, m_layout.bigEndian, convs.data(), chans.size(), calibrated);
+        if (mover.block) {
+            MoveInterleaved(decode, in, mover, b - a, m_widened,
+                            [&](size_t c, long long t0, long long t1) { convert(c, a + t0, a + t1); });
+            return;
+        }
+    }
+#endif
     // A channel stored as one run converts in one go; interleaved ones go tile by tile, so that
     // a tile's bytes stay in the first-level cache while every row is written in order.
     auto contiguous = [&](const ecChannelLayout& ch) { return ch.samples == 0 && ch.stride == Decode::kWidth; };
-    for (size_t c = 0; c < m_layout.channels.size(); ++c)
-        if (target.rows[c] && contiguous(m_layout.channels[c]))
+    for (size_t c = 0; c < chans.size(); ++c)
+        if (target.rows[c] && contiguous(chans[c]))
             convert(c, a, b);
     for (long long t0 = a; t0 < b; t0 += kTileSlices)
-        for (size_t c = 0; c < m_layout.channels.size(); ++c)
-            if (target.rows[c] && !contiguous(m_layout.channels[c]))
+        for (size_t c = 0; c < chans.size(); ++c)
+            if (target.rows[c] && !contiguous(chans[c]))
                 convert(c, t0, std::min(b, t0 + kTileSlices));
 }
 

@@ -105,14 +105,7 @@ private:
     template <typename Decode>
     void ConvertWith(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
                      long long b);
-    template <typename Decode>
-    bool ConvertInterleaved(Decode decode, const uint8_t* base, long long lo, const Target& target, long long a,
-                            long long b);
-
     ecDataLayout m_layout;
     std::vector<uint8_t> m_buffer;
-    void Transpose(const float* in, long long perSlice, long long n, float* const* rows, long long column) const;
-    std::vector<float> m_scratch;  // one tile of interleaved samples as floats
-    std::vector<float> m_shiftPattern, m_gainPattern;  // one slice's offsets and gains, channel by channel
-    std::vector<double> m_exactShift, m_exactGain;     // the same for values computed in double
+    std::vector<int32_t> m_widened;  // one tile of 1- and 3-byte samples as 32-bit integers
 };

@@ -4,6 +4,8 @@
 #include <climits>
 #include <sstream>
 
+#include "companion/Utility.h"
+
 ecSharedFile::ecSharedFile(const ecSharedFile& other) : m_block(other.m_block)
 {
     if (m_block)
@@ -286,6 +288,21 @@ void ecFilebase::FailClosing(const std::string& where, const std::string& text)
 {
     CloseInputFile();
     throw ecError("[" + where + "] " + text, 1, 0, -1, -1);
+}
+
+FILE* ecFilebase::OpenForReading(const std::string& where, long long& length, const std::string& signature,
+                                 const std::string& format)
+{
+    const std::string name = GetInputFileName();
+    FILE* fp = OpenInputFile(name);
+    if (!fp)
+        FailClosing(where, "Cannot open file: " + name);
+    length = FileLength(fp);
+    std::string head(signature.size(), '\0');
+    if (length < static_cast<long long>(head.size()) || ReadAt(fp, 0, head.data(), head.size()) != head.size() ||
+        head != signature)
+        FailClosing(where, "Not a " + format + " file: " + name);
+    return fp;
 }
 
 void ecFilebase::SetContinuousTimeBase(double rate, long long slices)

@@ -194,6 +194,11 @@ protected:
     // Reader kit. Closes the input file and raises "[<reader>::<method>] <text>" (kind 1): the
     // one way a reader gives up, so no failure leaves a handle open.
     [[noreturn]] void FailClosing(const std::string& where, const std::string& text);
+    // The input file (GetInputFileName()) opened, with its length; failing under `where` when it
+    // cannot be opened, or, given a `signature`, when it does not begin with those bytes
+    // ("Not a <format> file").
+    FILE* OpenForReading(const std::string& where, long long& length, const std::string& signature = {},
+                         const std::string& format = {});
     // The time base of a continuous recording (run type 4, one epoch of every slice).
     void SetContinuousTimeBase(double rate, long long slices);
     // The time base of `epochs` epochs of `epochSlices` slices each (run type 1 for one averaged

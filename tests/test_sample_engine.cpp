@@ -68,32 +68,56 @@ const ecSampleType kTypes[] = {ecSampleType::Int8,  ecSampleType::UInt8, ecSampl
                                ecSampleType::Int24, ecSampleType::Int32, ecSampleType::Float32, ecSampleType::Float64};
 }  // namespace
 
-TEST(SampleEngine, EveryTypeByteOrderAndArrangement)
+// What the engine must deliver for a stored value: exact arithmetic in double rounded once, the
+// other in float, then the calibration in float.
+float Expected(double raw, bool exact, double gain, double shift, const float* factor, const float* offset)
 {
-    // Five channels of nine slices: a multiplexed read of eight moves a 4 x 4 block of four
-    // channels twice, then the fifth channel and the slices beyond the blocks one by one.
-    const int channels = 5;
-    const long long slices = 9;
+    const float v = exact ? static_cast<float>((raw + shift) * gain)
+                          : (static_cast<float>(raw) - static_cast<float>(shift)) * static_cast<float>(gain);
+    return factor ? v * *factor + *offset : v;
+}
+
+TEST(SampleEngine, EveryTypeByteOrderArrangementAndArithmetic)
+{
+    // Eleven channels of 19 slices, read from slice 1: multiplexed reads move blocks of 8 x 8
+    // (16-bit) or 4 x 4 samples, then the channels and slices beyond whole blocks one by one.
+    // A twelfth stored channel is not delivered.
+    const int channels = 11;
+    const long long slices = 19, count = 17;
+    const float factor = 0.25f, offset = -3.0f;
     for (ecSampleType type : kTypes)
         for (bool big : {false, true})
-            for (bool multiplexed : {true, false}) {
-                SCOPED_TRACE(std::to_string(static_cast<int>(type)) + (big ? " BE" : " LE") + (multiplexed ? " mux" : " vec"));
-                Bytes b;
-                b.text("head", 4);
-                for (long long i = 0; i < channels * slices; ++i) {
-                    const int c = static_cast<int>(multiplexed ? i % channels : i / slices);
-                    const long long t = multiplexed ? i / channels : i % slices;
-                    Put(b, type, big, Stored(type, c, t));
-                }
-                File f(b);
-                ecSampleEngine engine;
-                engine.SetLayout(multiplexed ? ecDataLayout::Multiplexed(type, big, channels, channels, 4, slices)
-                                             : ecDataLayout::Vectorized(type, big, channels, 4, slices));
-                const auto rows = ReadAll(engine, f.fp, 1, 8);
-                for (int c = 0; c < channels; ++c)
-                    for (long long t = 0; t < 8; ++t)
-                        EXPECT_EQ(rows[c][t], static_cast<float>(Stored(type, c, t + 1))) << c << "," << t;
-            }
+            for (bool multiplexed : {true, false})
+                for (bool exact : {true, false})
+                    for (bool calibrated : {false, true}) {
+                        SCOPED_TRACE(std::to_string(static_cast<int>(type)) + (big ? " BE" : " LE") +
+                                     (multiplexed ? " mux" : " vec") + (exact ? " exact" : " single") +
+                                     (calibrated ? " calibrated" : ""));
+                        const int stored = multiplexed ? channels + 1 : channels;
+                        Bytes b;
+                        b.text("head", 4);
+                        for (long long i = 0; i < stored * slices; ++i) {
+                            const int c = static_cast<int>(multiplexed ? i % stored : i / slices);
+                            const long long t = multiplexed ? i / stored : i % slices;
+                            Put(b, type, big, Stored(type, c, t));
+                        }
+                        File f(b);
+                        ecDataLayout layout = multiplexed ? ecDataLayout::Multiplexed(type, big, stored, channels, 4, slices)
+                                                          : ecDataLayout::Vectorized(type, big, channels, 4, slices);
+                        layout.exact = exact;
+                        for (int c = 0; c < channels; ++c)
+                            layout.SetConversion(c, 0.1 * (c + 1), c - 3.5);
+                        ecSampleEngine engine;
+                        engine.SetLayout(layout);
+                        std::vector<float> factors(channels, factor), offsets(channels, offset);
+                        const auto rows = ReadAll(engine, f.fp, 1, count, calibrated ? factors.data() : nullptr,
+                                                  calibrated ? offsets.data() : nullptr);
+                        for (int c = 0; c < channels; ++c)
+                            for (long long t = 0; t < count; ++t)
+                                EXPECT_EQ(rows[c][t], Expected(Stored(type, c, t + 1), exact, 0.1 * (c + 1), c - 3.5,
+                                                               calibrated ? &factor : nullptr, &offset))
+                                    << c << "," << t;
+                    }
 }
 
 // Rounding once in double keeps values that single-precision gain and offset lose: a digital

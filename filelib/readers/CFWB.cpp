@@ -30,14 +30,10 @@ void ecADInst_CFWB::Fail(const std::string& text) { FailClosing("ecADInst_CFWB::
 void ecADInst_CFWB::Initialize(int)
 {
     const std::string name = GetInputFileName();
-    FILE* fp = OpenInputFile(name);
-    if (!fp)
-        Fail("Cannot open file: " + name);
-    const long long fileSize = FileLength(fp);
-    uint8_t head[kFileHeaderBytes];
-    if (fileSize < 4 || ReadAt(fp, 0, head, 4) != 4 || std::memcmp(head, "CFWB", 4) != 0)
-        Fail("Not a CFWB file: " + name);
+    long long fileSize = 0;
+    FILE* fp = OpenForReading("ecADInst_CFWB::Initialize", fileSize, "CFWB", "CFWB");
     SetFileMFR(kMfrCFWB);
+    uint8_t head[kFileHeaderBytes];
     if (ReadAt(fp, 0, head, kFileHeaderBytes) != kFileHeaderBytes)
         Fail("The file header of " + name + " is cut short.");
     const ByteCursor h(head, kFileHeaderBytes);

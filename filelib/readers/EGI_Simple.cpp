@@ -25,10 +25,8 @@ void EGI_Simple::Fail(const std::string& text) { FailClosing("EGI_Simple::Initia
 void EGI_Simple::Initialize(int)
 {
     const std::string name = GetInputFileName();
-    FILE* fp = OpenInputFile(name);
-    if (!fp)
-        Fail("Cannot open file: " + name);
-    const long long fileSize = FileLength(fp);
+    long long fileSize = 0;
+    FILE* fp = OpenForReading("EGI_Simple::Initialize", fileSize);
     // The header may be long (categories, event codes), but never beyond 64 KiB of fields.
     std::vector<uint8_t> head(static_cast<size_t>(std::clamp<long long>(fileSize, 0, 1 << 16)));
     if (head.size() < kFixedBytes || ReadAt(fp, 0, head.data(), head.size()) != head.size())

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr uint32_t kMagic = 0x58454c50;  // "PLEX"
+constexpr char kMagic[] = "PLEX";  // the little-endian word 0x58454c50
 constexpr size_t kFileHeaderBytes = 7504;
 constexpr long long kDspHeaderBytes = 1020, kEventHeaderBytes = 296, kSlowHeaderBytes = 296;
 constexpr long long kBlockHeaderBytes = 16;
@@ -46,14 +46,10 @@ void ecPlexon::Fail(const std::string& text) { FailClosing("ecPlexon::Initialize
 void ecPlexon::Initialize(int)
 {
     const std::string name = GetInputFileName();
-    FILE* fp = OpenInputFile(name);
-    if (!fp)
-        Fail("Cannot open file: " + name);
-    const long long fileSize = FileLength(fp);
-    uint8_t head[kFileHeaderBytes];
-    if (fileSize < 4 || ReadAt(fp, 0, head, 4) != 4 || ByteCursor(head, 4).u32le(0) != kMagic)
-        Fail("Not a Plexon file: " + name);
+    long long fileSize = 0;
+    FILE* fp = OpenForReading("ecPlexon::Initialize", fileSize, kMagic, "Plexon");
     SetFileMFR(kMfrPlexon);
+    uint8_t head[kFileHeaderBytes];
     if (fileSize < static_cast<long long>(kFileHeaderBytes) || ReadAt(fp, 0, head, kFileHeaderBytes) != kFileHeaderBytes)
         Fail("The file header of " + name + " is cut short.");
     const ByteCursor h(head, kFileHeaderBytes);

@@ -33,12 +33,10 @@ void ecDataq::Fail(const std::string& text) { FailClosing("ecDataq::Initialize",
 void ecDataq::Initialize(int)
 {
     const std::string name = GetInputFileName();
-    FILE* fp = OpenInputFile(name);
-    if (!fp)
-        Fail("Cannot open file: " + name);
+    long long fileSize = 0;
+    FILE* fp = OpenForReading("ecDataq::Initialize", fileSize);
     // No signature: the caller chose this format, so the file is claimed at once.
     SetFileMFR(kMfrDataq);
-    const long long fileSize = FileLength(fp);
     uint8_t fixed[kFixedHeaderBytes];
     if (ReadAt(fp, 0, fixed, sizeof fixed) != sizeof fixed)
         Fail("The header of " + name + " is cut short.");
