@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <sstream>
 
@@ -14,10 +13,6 @@
 namespace {
 
 constexpr const char* kWriter = "WriteBrainVisionCopy";
-
-struct FileCloser {
-    void operator()(FILE* fp) const { std::fclose(fp); }
-};
 
 struct Channel {
     int chan = 0;
@@ -202,24 +197,11 @@ int BrainVisionWriter::Write(const std::string& header, ecProgressDlg* progress)
     const std::vector<std::string> files = BrainVisionFilesOf(header);
     // The header is renamed into place last: the files are a recording only once it exists.
     exportkit::StagedFiles staged(kWriter, {files[2], files[1], files[0]});
-    {
-        std::unique_ptr<FILE, FileCloser> out(std::fopen(staged.Temp(0).c_str(), "wb"));
-        if (!out)
-            exportkit::Fail(kWriter, "Cannot create " + staged.Temp(0));
-        if (!WriteSamples(out.get(), progress))
-            return -1;
-        if (std::fflush(out.get()) != 0)
-            exportkit::Fail(kWriter, "Cannot write the samples.");
-    }
+    if (!staged.WriteBinary(0, [&](FILE* out) { return WriteSamples(out, progress); }))
+        return -1;
     const std::string dataName = BaseName(files[2]), markerName = BaseName(files[1]);
-    for (const auto& [temp, text] : {std::make_pair(staged.Temp(1), MarkerText(dataName)),
-                                     std::make_pair(staged.Temp(2), HeaderText(dataName, markerName))}) {
-        std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-        out << text;
-        out.close();
-        if (!out)
-            exportkit::Fail(kWriter, "Cannot write " + temp);
-    }
+    staged.WriteText(1, MarkerText(dataName));
+    staged.WriteText(2, HeaderText(dataName, markerName));
     staged.Commit();
     return static_cast<int>(m_window.count);
 }

@@ -15,10 +15,6 @@ constexpr const char* kWriter = "WriteEdfCopy";
 constexpr long kSearch = 4096;      // digital values tried for an end that prints exactly
 constexpr double kExact = 1e-6;     // a printed end within this many steps of its value is exact
 
-struct FileCloser {
-    void operator()(FILE* fp) const { std::fclose(fp); }
-};
-
 struct Width {
     int bytes;
     long lo, hi;
@@ -524,15 +520,8 @@ int EdfWriter::Write(const std::string& target, ecProgressDlg* progress)
     PlanRecords();
     PlanAnnotations();
     exportkit::StagedFiles staged(kWriter, {target});
-    {
-        std::unique_ptr<FILE, FileCloser> out(std::fopen(staged.Temp(0).c_str(), "wb"));
-        if (!out)
-            exportkit::Fail(kWriter, "Cannot create " + staged.Temp(0));
-        if (!WriteData(out.get(), progress))
-            return -1;
-        if (std::fflush(out.get()) != 0)
-            exportkit::Fail(kWriter, "Cannot write " + target);
-    }
+    if (!staged.WriteBinary(0, [&](FILE* out) { return WriteData(out, progress); }))
+        return -1;
     staged.Commit();
     return static_cast<int>(m_window.count);
 }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
 namespace exportkit {
 
@@ -24,6 +25,27 @@ StagedFiles::~StagedFiles()
     for (const std::string& temp : m_temps)
         if (!temp.empty())
             std::remove(temp.c_str());
+}
+
+bool StagedFiles::WriteBinary(size_t i, const std::function<bool(FILE*)>& fill)
+{
+    std::unique_ptr<FILE, int (*)(FILE*)> out(std::fopen(m_temps[i].c_str(), "wb"), &std::fclose);
+    if (!out)
+        Fail(m_writer, "Cannot create " + m_temps[i]);
+    if (!fill(out.get()))
+        return false;
+    if (std::fflush(out.get()) != 0 || std::ferror(out.get()))
+        Fail(m_writer, "Cannot write " + m_targets[i]);
+    return true;
+}
+
+void StagedFiles::WriteText(size_t i, const std::string& text)
+{
+    // A short write sets the stream's error flag, which WriteBinary checks.
+    WriteBinary(i, [&](FILE* out) {
+        std::fwrite(text.data(), 1, text.size(), out);
+        return true;
+    });
 }
 
 void StagedFiles::Commit()

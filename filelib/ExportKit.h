@@ -2,6 +2,8 @@
 // of that window, and its events.
 #pragma once
 
+#include <cstdio>
+#include <functional>
 #include <limits>
 #include <string>
 #include <vector>
@@ -24,6 +26,10 @@ public:
     StagedFiles& operator=(const StagedFiles&) = delete;
 
     const std::string& Temp(size_t i) const { return m_temps[i]; }
+    // Writes file i through fill, which returns false when the progress object cancelled (then
+    // false here too); raises when the file cannot be created or written.
+    bool WriteBinary(size_t i, const std::function<bool(FILE*)>& fill);
+    void WriteText(size_t i, const std::string& text);
     // Renames the files into place in the order given (the file that makes them a recording last).
     void Commit();
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
+#include <sstream>
 #include <memory>
 #include <vector>
 
@@ -11,10 +11,6 @@
 #include "filelib/readers/Generic.h"
 
 namespace {
-
-struct FileCloser {
-    void operator()(FILE* fp) const { std::fclose(fp); }
-};
 
 constexpr const char* kWriter = "WriteGenericCopy";
 
@@ -81,15 +77,8 @@ int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDl
     CGeneric target(dataFile.c_str());
     CopyMetadata(source, target, w);
     exportkit::StagedFiles staged(kWriter, {dataFile, dataFile + ".evt", target.GetHeaderFileName()});
-    {
-        std::unique_ptr<FILE, FileCloser> out(std::fopen(staged.Temp(0).c_str(), "wb"));
-        if (!out)
-            exportkit::Fail(kWriter, "Cannot create " + staged.Temp(0));
-        if (!WriteSamples(source, w, out.get(), progress))
-            return -1;
-        if (std::fflush(out.get()) != 0)
-            exportkit::Fail(kWriter, "Cannot write the samples.");
-    }
+    if (!staged.WriteBinary(0, [&](FILE* out) { return WriteSamples(source, w, out, progress); }))
+        return -1;
     target.SetNumSlices(static_cast<int>(w.count));
 
     ecEventList events;
@@ -97,11 +86,9 @@ int WriteGenericCopy(CFilelib& source, const std::string& dataFile, ecProgressDl
         events.AppendOneEvent(e);
     if (!WriteEventFile(events, staged.Temp(1).c_str()))
         exportkit::Fail(kWriter, "Cannot write " + dataFile + ".evt");
-    std::ofstream header(staged.Temp(2), std::ios::binary | std::ios::trunc);
+    std::ostringstream header;
     target.WriteHeaderText(header, true);
-    header.close();
-    if (!header)
-        exportkit::Fail(kWriter, "Cannot write " + target.GetHeaderFileName());
+    staged.WriteText(2, header.str());
     staged.Commit();
     return static_cast<int>(w.count);
 }

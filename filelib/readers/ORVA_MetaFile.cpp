@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 
 #include "companion/Utility.h"
@@ -349,10 +348,7 @@ int WriteMetaFile(const std::string& out, const std::vector<std::string>& member
     }
     text += "</" + std::string(kRoot) + ">\n";
     exportkit::StagedFiles staged("WriteMetaFile", {out});
-    std::ofstream file(staged.Temp(0), std::ios::binary | std::ios::trunc);
-    if (!(file << text).flush())
-        fail("Cannot write " + staged.Temp(0) + ".");
-    file.close();
+    staged.WriteText(0, text);
     ecORVA_MetaFile check(staged.Temp(0).c_str());
     check.Initialize(0);
     staged.Commit();
