@@ -1,6 +1,7 @@
 #include "filelib/ReaderTable.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "companion/Utility.h"
 #include "filelib/readers/ANT.h"
@@ -103,6 +104,26 @@ int DetectReader(CFilelib& f, const std::string& path)
     std::string name = path;
     const int code = f.GuessFileMFR(name);
     return code != 0 ? code : UnprobedReaderByExtension(path);
+}
+
+int OpenRecording(CFilelib& f, const std::string& path, int format)
+{
+    if (FILE* probe = std::fopen(path.c_str(), "rb"))
+        std::fclose(probe);
+    else
+        throw ecOpenError(ecOpenError::kNotReadable, "cannot open " + path + ": no such file or not readable");
+    if (format != 0 && !FindReader(format))
+        throw ecOpenError(ecOpenError::kUnknownFormat, "format " + std::to_string(format) +
+                                                           " is no reader's code. Supported formats: " +
+                                                           SupportedFormatsText() + ".");
+    const int code = format != 0 ? format : DetectReader(f, path);
+    if (code == 0)
+        throw ecOpenError(ecOpenError::kNotRecognised, path + " is not a recording filelib recognises. " +
+                                                           "Supported formats: " + SupportedFormatsText() + ".");
+    f.SetInputFileName(path.c_str());
+    f.SetFileSource(code);
+    f.Initialize(0);
+    return code;
 }
 
 const ecReaderEntry* FindReader(int code)

@@ -2,6 +2,7 @@
 // it. Adding a reader is one row in ReaderTable.cpp.
 #pragma once
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -29,5 +30,20 @@ int UnprobedReaderByExtension(const std::string& fileName);
 // The reader code for the file at `path`: the facade's detection first (which makes `path` the
 // facade's input file), then the never-probed reader of its extension; 0 when neither knows it.
 int DetectReader(CFilelib& f, const std::string& path);
+// Why OpenRecording refused a file; what() is the sentence to show the user.
+class ecOpenError : public std::runtime_error {
+public:
+    enum Kind { kNotReadable, kUnknownFormat, kNotRecognised };
+    ecOpenError(Kind kind, const std::string& text) : std::runtime_error(text), m_kind(kind) {}
+    Kind GetKind() const { return m_kind; }
+
+private:
+    Kind m_kind;
+};
+// How callers open a recording by name (the program, the Python module, the metafile's members):
+// the reader `format` names, or with 0 detection and then the never-probed reader of the file's
+// extension; then the facade's factory, so that every caller gets a fresh, calibrated reader.
+// Returns the reader's code. Refusals are ecOpenError; a reader's own failure is its ecError.
+int OpenRecording(CFilelib& f, const std::string& path, int format = 0);
 // "Neuroscan (4), ..." for messages that list what is supported.
 std::string SupportedFormatsText();

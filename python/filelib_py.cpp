@@ -32,20 +32,11 @@ constexpr long kBlock = 5000;
 // The facade opened on `path`: the reader `format` names, else the one detection finds.
 void OpenFacade(CFilelib& f, const std::string& path, int format)
 {
-    if (FILE* probe = std::fopen(path.c_str(), "rb"))
-        std::fclose(probe);
-    else
-        Fail("filelib.open", "cannot open " + path + ": no such file or not readable");
-    if (format != 0 && !FindReader(format))
-        Fail("filelib.open", "format " + std::to_string(format) + " is no reader's code. Supported formats: " +
-                                 SupportedFormatsText() + ".");
-    const int code = format != 0 ? format : DetectReader(f, path);
-    if (code == 0)
-        Fail("filelib.open", path + " is not a recording filelib recognises. Supported formats: " +
-                                 SupportedFormatsText() + ".");
-    f.SetInputFileName(path.c_str());
-    f.SetFileSource(code);
-    f.Initialize(0);
+    try {
+        OpenRecording(f, path, format);
+    } catch (const ecOpenError& e) {
+        Fail("filelib.open", e.what());
+    }
 }
 
 // Channel type bits as words joined by '+' ("MEG+reference"); "other" when no bit is set.

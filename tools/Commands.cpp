@@ -24,24 +24,16 @@ namespace {
 
 constexpr int kBlock = 5000;
 
-// Detection first; a file it does not recognise may still be one of the readers detection never
-// tries, known by its extension. A format the caller names replaces both.
 void Open(CFilelib& f, const std::string& path, int format)
 {
-    if (FILE* probe = std::fopen(path.c_str(), "rb"))
-        std::fclose(probe);
-    else
-        throw std::runtime_error("cannot open " + path + ": no such file or not readable");
-    if (format != 0 && !FindReader(format))
-        throw std::runtime_error("--format " + std::to_string(format) + " is no reader's code. Supported formats: " +
-                                 SupportedFormatsText() + ".");
-    const int code = format != 0 ? format : DetectReader(f, path);
-    if (code == 0)
-        throw Unrecognized(path + " is not a recording filelib recognises. Supported formats: " +
-                           SupportedFormatsText() + ".");
-    f.SetInputFileName(path.c_str());
-    f.SetFileSource(code);
-    f.Initialize(0);
+    try {
+        OpenRecording(f, path, format);
+    } catch (const ecOpenError& e) {
+        // The code came from the program's option; say so.
+        if (e.GetKind() == ecOpenError::kUnknownFormat)
+            throw std::runtime_error(std::string("--") + e.what());
+        throw;
+    }
 }
 
 std::string FormatName(CFilelib& f)

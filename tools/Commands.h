@@ -35,12 +35,6 @@ struct Options {
     int format = 0;  // a manufacturer code: read FILE with that reader instead of detecting it
 };
 
-// A file no reader recognises (exit status 2).
-class Unrecognized : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 // The part of the recording the options name: a window by --start/--stop (seconds from the first
 // slice) or by --first/--count (slices), and channels by --channels (names, in the order given)
 // or --types (type words). Without a window, count is -1 (the command's own default); without

@@ -242,8 +242,12 @@ int main(int argc, char** argv)
     }
     try {
         return found->second.run(Parse(found->first, argc, argv));
-    } catch (const Unrecognized& e) {
-        std::cerr << "filelib: " << e.what() << "\n";
+    } catch (const ecOpenError& e) {
+        if (e.GetKind() != ecOpenError::kNotRecognised) {
+            std::cerr << e.what() << "\n";
+            return 1;
+        }
+        std::cerr << "filelib: " << e.what() << "\n";  // a file no reader recognises: status 2
         return 2;
     } catch (const std::exception& e) {
         std::cerr << e.what() << "\n";

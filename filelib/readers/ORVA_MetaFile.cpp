@@ -152,28 +152,19 @@ void ecORVA_MetaFile::ReadMembers(const std::string& text, const std::string& fo
     }
 }
 
-// Detection as for any recording; files detection never tries are known by their extension.
+// Opened as any caller opens a recording, so that a member reads as it does on its own.
 std::shared_ptr<CFilelib> ecORVA_MetaFile::OpenMember(const Member& m)
 {
-    if (FILE* probe = std::fopen(m.resolved.c_str(), "rb"))
-        std::fclose(probe);
-    else
-        Fail("Member " + m.path + " not found: looked for " + m.resolved + ".");
     auto f = std::make_shared<CFilelib>();
-    std::string name = m.resolved;
-    f->SetInputFileName(name.c_str());
-    int code = 0;
     try {
-        code = f->GuessFileMFR(name);
-        if (code == 0 && (code = UnprobedReaderByExtension(name)) != 0) {
-            f->SetFileSource(code);
-            f->Initialize(0);
-        }
+        OpenRecording(*f, m.resolved);
+    } catch (const ecOpenError& e) {
+        if (e.GetKind() == ecOpenError::kNotReadable)
+            Fail("Member " + m.path + " not found: looked for " + m.resolved + ".");
+        Fail("Member " + m.path + " is not a recording this library reads.");
     } catch (const std::exception& e) {
         Fail("Member " + m.path + ": " + e.what());
     }
-    if (code == 0)
-        Fail("Member " + m.path + " is not a recording this library reads.");
     if (f->GetNumChans() <= 0 || f->GetNumSlices() <= 0)
         Fail("Member " + m.path + " holds no channels or no slices.");
     return f;
