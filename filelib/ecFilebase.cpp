@@ -345,16 +345,26 @@ long long ecFilebase::ReadRows(ecLabeledMatrix<float>& data, long long first, lo
     std::vector<float*> rows(channels, nullptr);
     for (size_t r = 0; r < channels && r < static_cast<size_t>(data.nrow()); ++r)
         rows[r] = data[static_cast<long>(r)] + column;
-    const bool calibrate = m_calibrating && m_calFactors.size() >= channels;
-    m_calibrated = m_calibrated || calibrate;
-    ecReadOptions options;
-    if (calibrate) {
-        options.calFactors = m_calFactors.data();
-        options.calOffsets = m_calOffsets.data();
-    }
+    ecReadOptions options = CalibrationOptions(0, channels);
     if (m_engine.Layout().decodedSegments)
         options.decodeSegment = [this](long long segment) { return DecodeSegment(segment); };
     return m_engine.Read(GetInputFilePointer(), rows.data(), first, n, options);
+}
+
+long long ecFilebase::ReadChannelRow(ecSampleEngine& engine, int chan, float* row, long long first, long long n)
+{
+    return engine.Read(GetInputFilePointer(), &row, first, n, CalibrationOptions(static_cast<size_t>(chan), 1));
+}
+
+ecReadOptions ecFilebase::CalibrationOptions(size_t firstChannel, size_t channels)
+{
+    ecReadOptions options;
+    if (!m_calibrating || m_calFactors.size() < firstChannel + channels)
+        return options;
+    m_calibrated = true;
+    options.calFactors = m_calFactors.data() + firstChannel;
+    options.calOffsets = m_calOffsets.data() + firstChannel;
+    return options;
 }
 
 void ecFilebase::ResolveCalibration()

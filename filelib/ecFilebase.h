@@ -212,6 +212,9 @@ protected:
     // Converts slices [first, first + n) into columns [column, column + n) of every row of
     // `data`; returns the slices converted (fewer when the file ends before them).
     long long ReadRows(ecLabeledMatrix<float>& data, long long first, long long n, long column = 0);
+    // The same for a reader that keeps one engine per channel (its own layout each): channel
+    // `chan`'s slices [first, first + n) into `row`.
+    long long ReadChannelRow(ecSampleEngine& engine, int chan, float* row, long long first, long long n);
     // The decoded bytes of one segment, for layouts whose segments the reader decodes; null when
     // the segment cannot be decoded.
     virtual const uint8_t* DecodeSegment(long long) { return nullptr; }
@@ -261,6 +264,9 @@ private:
     unsigned int m_uiOffsetToData = 0;
     bool m_bEpochReviewMode = false;
     ecCalibration m_calibration;
+    // The calibration of channels [firstChannel, firstChannel + channels) for the engine while a
+    // calibrated read is under way (and a note that it was applied); none otherwise.
+    ecReadOptions CalibrationOptions(size_t firstChannel, size_t channels);
     ecSampleEngine m_engine;
     std::vector<float> m_calFactors;  // resolved per channel; empty: no calibration
     std::vector<float> m_calOffsets;

@@ -197,7 +197,7 @@ int ecPlexon::ReadData(ecLabeledMatrix<float>& data, int first, int count)
     const long long n = PrepareBlock(data, first, count, "ecPlexon");
     for (size_t c = 0; c < m_engines.size(); ++c) {
         float* row = data[static_cast<long>(c)];
-        if (m_engines[c].Read(GetInputFilePointer(), &row, first, n) != n)
+        if (ReadChannelRow(m_engines[c], static_cast<int>(c), row, first, n) != n)
             throw ecError("[ecPlexon::ReadData] Error in reading the data file.", 1, 0, -1, -1);
     }
     return static_cast<int>(n);
