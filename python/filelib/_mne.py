@@ -62,6 +62,30 @@ def _annotations(mne, rec, rate):
     return mne.Annotations(events["onset"] / rate, events["duration"] / rate, names)
 
 
+def _epoch_events(rec, epochs, width, zero):
+    """One MNE event per epoch: the coded event nearest to the epoch's time zero, where it lies;
+    an epoch without one gets an event at its time zero with a code of its own, named "epoch"."""
+    found = rec.events()
+    chosen = [None] * epochs
+    for name, code, begin in zip(found["name"], found["code"], found["onset"]):
+        epoch = int(begin) // width
+        if code == 0 or not 0 <= epoch < epochs:
+            continue
+        distance = abs(int(begin) - epoch * width - zero)
+        if chosen[epoch] is None or distance < chosen[epoch][0]:
+            chosen[epoch] = (distance, int(code), name or str(code), int(begin))
+    event_id = {}
+    for pick in chosen:
+        if pick and pick[1] not in event_id.values():
+            event_id[pick[2] if pick[2] not in event_id else "%s/%d" % (pick[2], pick[1])] = pick[1]
+    spare = max(event_id.values(), default=0) + 1
+    codes = [pick[1] if pick else spare for pick in chosen]
+    if spare in codes:
+        event_id["epoch"] = spare
+    samples = [pick[3] if pick else e * width + zero for e, pick in enumerate(chosen)]
+    return np.column_stack([samples, np.zeros(epochs, int), codes]), event_id
+
+
 def to_mne(rec, verbose=None):
     mne = _import_mne()
     info = rec.info
@@ -77,9 +101,8 @@ def to_mne(rec, verbose=None):
     if info["run_type"] == 2:
         epochs, width = info["epochs"], info["epoch_slices"]
         shaped = data[:, : epochs * width].reshape(len(channels), epochs, width).transpose(1, 0, 2)
-        onsets = np.arange(epochs) * width
-        events = np.column_stack([onsets, np.zeros(epochs, int), np.ones(epochs, int)])
-        out = mne.EpochsArray(shaped, mne_info, events, tmin=-info["prestim"], verbose=verbose)
+        events, event_id = _epoch_events(rec, epochs, width, int(round(info["prestim"] * rate)))
+        out = mne.EpochsArray(shaped, mne_info, events, tmin=-info["prestim"], event_id=event_id, verbose=verbose)
     else:
         out = mne.io.RawArray(data, mne_info, verbose=verbose)
         out.set_annotations(_annotations(mne, rec, rate))

@@ -49,6 +49,12 @@ def test_to_mne_equals_mne_reader(name):
         factor = known.get(channel, known.get("*", 1))
         np.testing.assert_allclose(data[ours.ch_names.index(channel)] * factor, expected, rtol=2e-7,
                                    atol=np.abs(expected).max() * 2e-7, err_msg=channel)
+    if isinstance(ours, mne.BaseEpochs):  # epoch events where MNE's raw reading has the stimulus
+        stimuli = {(round(o * theirs.info["sfreq"]), d) for o, d in zip(theirs.annotations.onset,
+                                                                        theirs.annotations.description)}
+        names = {code: key for key, code in ours.event_id.items() if key != "epoch"}
+        coded = [(sample, names[code]) for sample, _, code in ours.events if code in names]
+        assert coded and all(c in stimuli for c in coded) if names else ours.event_id == {"epoch": 1}
     if isinstance(ours, mne.io.BaseRaw) and name not in EVENTS_DIFFER:
         slice_ = 1.001 / theirs.info["sfreq"]
         for onset, description in zip(theirs.annotations.onset, theirs.annotations.description):
