@@ -40,9 +40,6 @@ TEST(CFilelib, WithoutReaderRaisesTheNineTextsAndAnswersNeutrally)
     ecEventList events;
     std::vector<float> v{7};
     EXPECT_EQ(f.ReadData(m, 0, 10) + f.InitialEventList(&events, nullptr) + f.ReadOneRawSlice(v, 0), 0);
-    f.SetNumChans(3);  // quiet setters do nothing
-    f.SetRunType(2);
-    EXPECT_EQ(f.GetNumChans(), 0);
     f.SetInputFileName("a.bin");
     f.SetInputFileName(nullptr);  // ignored
     EXPECT_EQ(f.GetInputFileName(), "a.bin");

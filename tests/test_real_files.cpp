@@ -10,11 +10,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <map>
-#include <sstream>
 
 #include "filelib/filelib.h"
+#include "fixtures/Bytes.h"
 #include "fixtures/Exercise.h"
 #include "fixtures/Json.h"
 #include "fixtures/SharedData.h"
@@ -113,14 +112,6 @@ const Json& MainPeer(const Json& expected)
     return expected["mne"];
 }
 
-Json Load(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return ParseJson(text.str());
-}
-
 // Which peer's event list a file's events match, and how to read it. Positions are compared as
 // sorted lists (peers order simultaneous events differently).
 struct EventSource {
@@ -204,7 +195,7 @@ TEST(RealFiles, ChannelsLengthAndFirstSamplesAgreeWithThePeers)
     int compared = 0;
     for (const std::string& file : files) {
         SCOPED_TRACE(file);
-        const Json expected = Load(kData + file + ".expected.json");
+        const Json expected = ParseJson(ReadTextFile(kData + file + ".expected.json"));
         const Json& mne = MainPeer(expected);
         if (mne.fields.count("error"))
             continue;  // what such files must do is tested with their reader
@@ -294,7 +285,7 @@ TEST(RealFiles, EventsAgreeWithThePeerOfTheSameConvention)
         if (!source)
             continue;
         SCOPED_TRACE(file + ": " + source->why);
-        const Json expected = Load(kData + file + ".expected.json");
+        const Json expected = ParseJson(ReadTextFile(kData + file + ".expected.json"));
         size_t total = 0;
         const std::vector<long> theirs = PeerOnsets(expected[source->peer], *source, total);
         CFilelib f;
