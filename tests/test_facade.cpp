@@ -76,7 +76,6 @@ TEST(CFilelib, DetectionFindsGenericFilesAndLeavesForeignOnesAlone)
     EXPECT_EQ(f.GetFileSource(), 2u);
     ASSERT_NE(f.GetActiveFile(), nullptr);
     f.Initialize(0);
-    EXPECT_NE(f.GetActiveFile(), nullptr);
     // All, of a type, switched on (any, EEG, trigger), EEG, MEG: the trigger channel is switched off.
     EXPECT_EQ(std::vector<int>({f.GetNumChans(), f.GetNumChans(0x8000), f.GetOnChannelCount(), f.GetOnChannelCount(0x400),
                                 f.GetOnChannelCount(0x8000), f.GetEEGChannelCount(), f.GetMEGChannelCount()}),
