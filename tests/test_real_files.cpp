@@ -6,10 +6,9 @@
 // shares, file by file.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <map>
 
 #include "filelib/filelib.h"
@@ -86,18 +85,15 @@ const Deviation* FindDeviation(const std::string& file, const std::string& chann
 std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
+    const std::string suffix = ".expected.json";
     for (const char* family : {"ant", "bdf", "brainvision", "bti/4Dsim", "bti/linux", "ctf", "edf", "egi", "eximia",
                                "fiff", "mff", "micromed", "neuroscan", "nicolet", "nihonkohden", "persyst", "plexon", "windaq"}) {
-        DIR* d = opendir((kData + family).c_str());
-        if (!d)
-            continue;
-        while (dirent* e = readdir(d)) {
-            const std::string name = e->d_name;
-            const std::string suffix = ".expected.json";
+        std::error_code missing;  // a family not present is no file to compare
+        for (const auto& e : std::filesystem::directory_iterator(kData + family, missing)) {
+            const std::string name = e.path().filename().string();
             if (name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
                 out.push_back(std::string(family) + "/" + name.substr(0, name.size() - suffix.size()));
         }
-        closedir(d);
     }
     return out;
 }
