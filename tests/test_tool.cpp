@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 
 #include "companion/ChannelKind.h"
@@ -63,12 +63,11 @@ void WriteRecordings(const TempDir& dir)
 std::map<std::string, std::string> Snapshot(const TempDir& dir)
 {
     std::map<std::string, std::string> files;
-    DIR* d = opendir(dir.dir().c_str());
-    while (dirent* e = d ? readdir(d) : nullptr)
-        if (e->d_name[0] != '.' && std::string(e->d_name).find("std") != 0)
-            files[e->d_name] = ReadTextFile(dir.path(e->d_name));
-    if (d)
-        closedir(d);
+    for (const auto& e : std::filesystem::directory_iterator(dir.dir())) {
+        const std::string name = e.path().filename().string();
+        if (name.find("std") != 0)
+            files[name] = ReadTextFile(dir.path(name));
+    }
     return files;
 }
 }  // namespace
