@@ -18,7 +18,7 @@ void ReadBack(const T& from, T& into)
 }
 }  // namespace
 
-// Flags and labels survive their XML; equality ignores the dirty flag.
+// Flags and labels survive their XML; equality ignores the error code and the dirty flag.
 TEST(ecBase, XmlRoundTripAndEquality)
 {
     ecBase a(9);
@@ -33,6 +33,10 @@ TEST(ecBase, XmlRoundTripAndEquality)
     EXPECT_EQ(std::vector<long>({b.GetState(), b.GetOption(), b.GetInstanceType(), b.IsDirty()}),
               std::vector<long>({4, 8, 9, 1}));
     b.SetDirty(false);
+    ecXml xml;  // without an instance type, which stays as it was
+    ASSERT_TRUE(xml.Read("<o><state>4</state><option>8</option><ErrorCode>77</ErrorCode></o>"));
+    ASSERT_TRUE(b.ReadXml(xml));
+    EXPECT_EQ(b.GetErrorCode(), 77);
     EXPECT_EQ(a == b, 1);
     b.SetInstanceType(6);
     EXPECT_EQ(a == b, 0);
