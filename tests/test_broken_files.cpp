@@ -2,7 +2,7 @@
 // tests/data/broken/<reader-case row>/<what is wrong>.<ext>
 #include <gtest/gtest.h>
 
-#include <dirent.h>
+#include <filesystem>
 
 #include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
@@ -18,13 +18,9 @@ std::vector<std::string> BrokenFiles()
 {
     std::vector<std::string> out;
     for (const ReaderCase& row : ReaderCases()) {  // a folder per row that has broken files
-        const std::string dir = kBroken + row.name;
-        if (DIR* d = opendir(dir.c_str())) {
-            while (dirent* e = readdir(d))
-                if (e->d_name[0] != '.')
-                    out.push_back(dir + "/" + e->d_name);
-            closedir(d);
-        }
+        std::error_code none;
+        for (const auto& e : std::filesystem::directory_iterator(kBroken + row.name, none))
+            out.push_back(e.path().string());
     }
     return out;
 }

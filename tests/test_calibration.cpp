@@ -51,12 +51,6 @@ TEST(ecCalibration, WriteXmlReadsBack)
     cal.SetOffsets({-1.5f, 3.0f});
     std::ostringstream derived;
     ASSERT_TRUE(cal.WriteXml(derived));
-    EXPECT_NE(derived.str().find("<iNumEvt>2</iNumEvt><CalEvtCodes><evt>7</evt><evt>Cal</evt></CalEvtCodes>"
-                                 "<iNumChans>2</iNumChans><CalFactorList><chan><label>A</label><factor>2</factor>"
-                                 "<offset>-1.5</offset></chan><chan><label>B</label><factor>0.25</factor><offset>3"
-                                 "</offset></chan></CalFactorList></ORVA_Calibration>"),
-              std::string::npos)
-        << derived.str();
 
     ecXml xml;
     ASSERT_TRUE(xml.Read("<Header>" + derived.str() + "</Header>"));
@@ -81,13 +75,7 @@ TEST(ecCalibration, WriteXmlReadsBack)
     // Inconsistent vectors: the error, with the part before it already written.
     cal.SetOffsets({1.0f});
     std::ostringstream broken;
-    try {
-        cal.WriteXml(broken);
-        FAIL();
-    } catch (const ecError& e) {
-        EXPECT_STREQ(e.what(), "[ecCalibration::WriteXml] Size inconsistency");
-        EXPECT_EQ(e.GetKind(), 1);
-    }
+    EXPECT_EQ(Message([&] { cal.WriteXml(broken); }), "[ecCalibration::WriteXml] Size inconsistency");
     EXPECT_EQ(broken.str().rfind("</CalEvtCodes>"), broken.str().size() - 14);
 }
 
@@ -132,13 +120,13 @@ TEST(Calibrate, PeakModeRelativeToEventsAndCalFileRoundTrip)
     EXPECT_EQ(ReadTextFile(dir.path("r.cal")), "# label\tfactor\toffset\nA\t1\t-1\nB\t4\t4\n");
 
     MemoryReader fromFile = PulseReader();
-    fromFile.GetCalibration().SetSkipCalib(false);
-    fromFile.GetCalibration().SetCalMode(kCalFromFile);
-    fromFile.GetCalibration().SetCalFile(dir.path("r.cal"));
+    ecCalibration& read = fromFile.GetCalibration();
+    Window(read, kCalFromFile, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f);
+    read.SetCalFile(dir.path("r.cal"));
     fromFile.Calibrate();
-    EXPECT_TRUE(fromFile.GetCalibration().GetDerived());
-    EXPECT_EQ(fromFile.GetCalibration().GetFactors(), cal.GetFactors());
-    EXPECT_EQ(fromFile.GetCalibration().GetOffsets(), cal.GetOffsets());
+    EXPECT_TRUE(read.GetDerived());
+    EXPECT_EQ(read.GetFactors(), cal.GetFactors());
+    EXPECT_EQ(read.GetOffsets(), cal.GetOffsets());
 }
 
 TEST(Calibrate, EachErrorInItsPlace)

@@ -40,9 +40,6 @@ TEST(CFilelib, WithoutReaderRaisesTheNineTextsAndAnswersNeutrally)
     ecEventList events;
     std::vector<float> v{7};
     EXPECT_EQ(f.ReadData(m, 0, 10) + f.InitialEventList(&events, nullptr) + f.ReadOneRawSlice(v, 0), 0);
-    f.SetNumChans(3);  // quiet setters do nothing
-    f.SetRunType(2);
-    EXPECT_EQ(f.GetNumChans(), 0);
     f.SetInputFileName("a.bin");
     f.SetInputFileName(nullptr);  // ignored
     EXPECT_EQ(f.GetInputFileName(), "a.bin");
@@ -79,7 +76,6 @@ TEST(CFilelib, DetectionFindsGenericFilesAndLeavesForeignOnesAlone)
     EXPECT_EQ(f.GetFileSource(), 2u);
     ASSERT_NE(f.GetActiveFile(), nullptr);
     f.Initialize(0);
-    EXPECT_NE(f.GetActiveFile(), nullptr);
     // All, of a type, switched on (any, EEG, trigger), EEG, MEG: the trigger channel is switched off.
     EXPECT_EQ(std::vector<int>({f.GetNumChans(), f.GetNumChans(0x8000), f.GetOnChannelCount(), f.GetOnChannelCount(0x400),
                                 f.GetOnChannelCount(0x8000), f.GetEEGChannelCount(), f.GetMEGChannelCount()}),

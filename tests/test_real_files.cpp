@@ -6,15 +6,13 @@
 // shares, file by file.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cmath>
-#include <fstream>
+#include <filesystem>
 #include <map>
-#include <sstream>
 
 #include "filelib/filelib.h"
+#include "fixtures/Bytes.h"
 #include "fixtures/Exercise.h"
 #include "fixtures/Json.h"
 #include "fixtures/SharedData.h"
@@ -87,18 +85,15 @@ const Deviation* FindDeviation(const std::string& file, const std::string& chann
 std::vector<std::string> ExpectedFiles()
 {
     std::vector<std::string> out;
+    const std::string suffix = ".expected.json";
     for (const char* family : {"ant", "bdf", "brainvision", "bti/4Dsim", "bti/linux", "ctf", "edf", "egi", "eximia",
                                "fiff", "mff", "micromed", "neuroscan", "nicolet", "nihonkohden", "persyst", "plexon", "windaq"}) {
-        DIR* d = opendir((kData + family).c_str());
-        if (!d)
-            continue;
-        while (dirent* e = readdir(d)) {
-            const std::string name = e->d_name;
-            const std::string suffix = ".expected.json";
+        std::error_code missing;  // a family not present is no file to compare
+        for (const auto& e : std::filesystem::directory_iterator(kData + family, missing)) {
+            const std::string name = e.path().filename().string();
             if (name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
                 out.push_back(std::string(family) + "/" + name.substr(0, name.size() - suffix.size()));
         }
-        closedir(d);
     }
     return out;
 }
@@ -111,14 +106,6 @@ const Json& MainPeer(const Json& expected)
         if (expected.fields.count(peer))
             return expected[peer];
     return expected["mne"];
-}
-
-Json Load(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return ParseJson(text.str());
 }
 
 // Which peer's event list a file's events match, and how to read it. Positions are compared as
@@ -204,7 +191,7 @@ TEST(RealFiles, ChannelsLengthAndFirstSamplesAgreeWithThePeers)
     int compared = 0;
     for (const std::string& file : files) {
         SCOPED_TRACE(file);
-        const Json expected = Load(kData + file + ".expected.json");
+        const Json expected = ParseJson(ReadTextFile(kData + file + ".expected.json"));
         const Json& mne = MainPeer(expected);
         if (mne.fields.count("error"))
             continue;  // what such files must do is tested with their reader
@@ -294,7 +281,7 @@ TEST(RealFiles, EventsAgreeWithThePeerOfTheSameConvention)
         if (!source)
             continue;
         SCOPED_TRACE(file + ": " + source->why);
-        const Json expected = Load(kData + file + ".expected.json");
+        const Json expected = ParseJson(ReadTextFile(kData + file + ".expected.json"));
         size_t total = 0;
         const std::vector<long> theirs = PeerOnsets(expected[source->peer], *source, total);
         CFilelib f;

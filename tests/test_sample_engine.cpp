@@ -122,7 +122,7 @@ TEST(SampleEngine, EveryTypeByteOrderArrangementAndArithmetic)
 
 // Rounding once in double keeps values that single-precision gain and offset lose: a digital
 // value of -32768 with the offset of a -3.2768..3.2767 mV range is exactly 0.
-TEST(SampleEngine, ExactAndSinglePrecisionArithmeticAndCalibration)
+TEST(SampleEngine, ExactArithmeticKeepsAZeroThatSinglePrecisionLoses)
 {
     Bytes b;
     for (int v : {-32768, -32767, 12345})
@@ -133,15 +133,7 @@ TEST(SampleEngine, ExactAndSinglePrecisionArithmeticAndCalibration)
     const double gain = 0.1e-6, shift = 32768;
     layout.SetConversion(0, gain, shift);
     engine.SetLayout(layout);
-    auto rows = ReadAll(engine, f.fp, 0, 3);
-    EXPECT_EQ(rows[0], (std::vector<float>{0.0f, static_cast<float>(1 * gain), static_cast<float>((12345 + shift) * gain)}));
-
-    layout.exact = false;
-    layout.SetConversion(0, 0.5, 2);  // (raw - 2) x 0.5 in float
-    engine.SetLayout(layout);
-    EXPECT_EQ(ReadAll(engine, f.fp, 2, 1)[0][0], (12345.0f - 2.0f) * 0.5f);
-    const float factor = 4.0f, offset = 1.0f;
-    EXPECT_EQ(ReadAll(engine, f.fp, 2, 1, &factor, &offset)[0][0], (12345.0f - 2.0f) * 0.5f * 4.0f + 1.0f);
+    EXPECT_EQ(ReadAll(engine, f.fp, 0, 3)[0], (std::vector<float>{0.0f, static_cast<float>(1 * gain), static_cast<float>((12345 + shift) * gain)}));
 }
 
 // Records with headers, a slower channel held at the record's rate, a segment table, spans
