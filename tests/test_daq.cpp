@@ -62,10 +62,8 @@ TEST(Cfwb, DamagedHeadersAreRefusedAfterTheClaim)
     TempDir dir;
     const Bytes good = CfwbFile(3, {{"A", "uV"}}, {{1, 2}}, 0.01);
     struct Case { Bytes bytes; std::string message; } cases[] = {
-        {good.dropLast(1), "[ecADInst_CFWB::Initialize] The file holds 167 bytes; the header implies 168."},
         {Bytes(good).put_u32le(64, 4), "[ecADInst_CFWB::Initialize] Unknown data format 4 (1 double, 2 float, 3 int16)."},
         {Bytes(good).put_u32le(52, 0x7FFFFFFF), "[ecADInst_CFWB::Initialize] The file holds 168 bytes; the header implies 214748364768."},
-        {good.head(30), "[ecADInst_CFWB::Initialize] The file header of " + dir.path("d.bin") + " is cut short."},
     };
     for (const Case& c : cases) {
         c.bytes.write(dir.path("d.bin"));
