@@ -19,7 +19,7 @@ namespace {
 struct NkFiles {
     TempDir dir;
     std::string eeg = dir.path("r.eeg");
-    NkFiles(const Bytes& data, const std::string& names = "[ELECTRODE]\n0000=Fp1\n")
+    NkFiles(const Bytes& data, const std::string& names = "[ELECTRODE]\n0000=Fp1\n0026=X1\n0042=DC01\n0077=$M\n")
     {
         data.write(eeg);
         WriteTextFile(dir.path("r.21e"), names);
@@ -34,45 +34,46 @@ std::string Refusal(std::string path)
 }
 }  // namespace
 
-// Two EEG-1100 data blocks calibrated per input (low + count x (high - low) / 65535); EEG-1200A's
-// channels and samples from the extended blocks (16-bit codes), its rate from the old ones, each
-// block's length from where the next begins, the old blocks' one-channel lists ignored. The log
-// entries are events; the second block begins with a boundary; no .pnt leaves no start time.
-TEST(NihonKohden, DataBlocksOldAndExtendedWithLogEventsAndABoundary)
+TEST(NihonKohden, TwoDataBlocksCalibratedPerInputWithLogEventsAndABoundary)
 {
     const Counts first = {{0, 65535, 32768, 100, 9}}, second = {{32768, 0, 65535, 1, 9}};
-    const Counts extFirst = {{0, 65535, 7, 1}, {1, 2, 3, 4}}, extSecond = {{65535, 0, 32768, 9}, {5, 6, 7, 8}, {9, 10, 11, 12}};
-    const struct {
-        Bytes eeg;
-        std::string names;
-        int slices;
-        float rate;
-        const char *channels, *events;
-        std::vector<std::tuple<int, int, double>> values;  // channel, slice, volts
-    } cases[] = {
-        {NkEeg({0, 26, 42, 77}, 100, 1, {first, second}), "[ELECTRODE]\n0000=Fp1\n0026=X1\n0042=DC01\n0077=$M\n", 20, 100, "Fp1/V/1024 X1/V/0 DC01/V/0 $M/V/0",
-         "New Segment@10 first@0/2 second@6200/2",
-         {{0, 0, -3200e-6}, {0, 10, -1.71878e-10}, {1, 0, 3199.902e-6}, {1, 10, -3200e-6}, {2, 0, 1.314992e-5},
-          {2, 10, 12.00256}, {3, 0, -11.96627}, {3, 10, -12.0025337}}},
-        {NkExtendedEeg({0, 300, 42}, 2000, {extFirst, extSecond}), "[ELECTRODE]\n0000=Fp1\n0042=DC01\n0300=G1\n", 5, 2000,
-         "Fp1/V/1024 G1/V/0 DC01/V/0", "New Segment@2 first@0/2 second@124000/2",
-         {{1, 0, 3199.902e-6}, {0, 2, 3199.902e-6}, {2, 2, 1.314992e-5}, {1, 4, -3.19902e-3}}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.channels);
-        NkFiles f(c.eeg, c.names);
-        NihonKoden r(f.eeg.c_str());
-        r.Initialize(0);
-        ASSERT_EQ(r.GetNumSlices(), c.slices);
-        EXPECT_FLOAT_EQ(r.GetSampleRate(), c.rate);
-        EXPECT_EQ(ChannelsOf(r), c.channels);
-        ecLabeledMatrix<float> m;
-        ASSERT_EQ(r.ReadData(m, 0, c.slices), c.slices);
-        for (const auto& [ch, t, volts] : c.values)
-            EXPECT_NEAR(m[ch][t], volts, 1e-5 * std::abs(volts) + 1e-15) << ch << "," << t;
-        EXPECT_EQ(r.GetStartTime(), "");
-        EXPECT_EQ(EventsOf(r), c.events);
-    }
+    NkFiles f(NkEeg({0, 26, 42, 77}, 100, 1, {first, second}));
+    NihonKoden r(f.eeg.c_str());
+    r.Initialize(0);
+    ASSERT_EQ(r.GetNumSlices(), 20);
+    EXPECT_EQ(ChannelsOf(r), "Fp1/V/1024 X1/V/0 DC01/V/0 $M/V/0");
+    ecLabeledMatrix<float> m;
+    ASSERT_EQ(r.ReadData(m, 0, 20), 20);
+    // slices 0 and 10 (the second block's first): low + count x (high - low) / 65535
+    const double expected[4][2] = {{-3200e-6, -1.71878e-10}, {3199.902e-6, -3200e-6}, {1.314992e-5, 12.00256},
+                                   {-11.96627, -12.0025337}};
+    for (int c = 0; c < 4; ++c)
+        for (int t = 0; t < 2; ++t)
+            EXPECT_NEAR(m[c][t * 10], expected[c][t], 1e-6 * std::abs(expected[c][t]) + 1e-15) << c << "," << t;
+    EXPECT_EQ(r.GetStartTime(), "");
+    EXPECT_EQ(EventsOf(r), "New Segment@10 first@0/2 second@6200/2");
+}
+
+// EEG-1200A: channels and samples from the extended blocks (16-bit codes), rate from the old ones,
+// each block's length from where the next begins; the old blocks' one-channel lists are ignored.
+TEST(NihonKohden, ExtendedBlocksGiveChannelsCodesAndLengths)
+{
+    const Counts first = {{0, 65535, 7, 1}, {1, 2, 3, 4}}, second = {{65535, 0, 32768, 9}, {5, 6, 7, 8}, {9, 10, 11, 12}};
+    NkFiles f(NkExtendedEeg({0, 300, 42}, 2000, {first, second}), "[ELECTRODE]\n0000=Fp1\n0042=DC01\n0300=G1\n");
+    NihonKoden r(f.eeg.c_str());
+    r.Initialize(0);
+    EXPECT_EQ(r.GetNumSlices(), 5);
+    EXPECT_FLOAT_EQ(r.GetSampleRate(), 2000);
+    EXPECT_EQ(ChannelsOf(r), "Fp1/V/1024 G1/V/0 DC01/V/0");
+    ecLabeledMatrix<float> m;
+    ASSERT_EQ(r.ReadData(m, 0, 5), 5);
+    const std::tuple<int, int, double> values[] = {{1, 0, 3199.902e-6}, {0, 2, 3199.902e-6}, {2, 2, 1.314992e-5}, {1, 4, -3.19902e-3}};
+    for (const auto& [c, t, volts] : values)
+        EXPECT_NEAR(m[c][t], volts, 1e-5 * std::abs(volts)) << c << "," << t;
+    EXPECT_EQ(EventsOf(r), "New Segment@2 first@0/2 second@124000/2");
+    Bytes oneMore = NkExtendedEeg({0}, 200, {{{1}}, {{2}}});
+    NkFiles g(oneMore.put_u8(0x111, 1));
+    EXPECT_EQ(Refusal(g.eeg), "[NihonKoden::Initialize] The extended block table lists 2 data blocks for the 1 of the control blocks.");
 }
 
 // Each System 98 header type (2 and 3: 1-byte ORDER codes, 16-bit logical ranges, no trigger
@@ -129,10 +130,7 @@ TEST(NihonKohdenMicromed, RefusalsNameTheirCause)
         MmTrc(4, 2, {fz, second}, {}, {}, {}).write(dir.path("t.TRC"));
         EXPECT_EQ(Refusal(dir.path("t.TRC")), says);
     }
-    Bytes oneMore = NkExtendedEeg({0}, 200, {{{1}}, {{2}}});
-    NkFiles g(oneMore.put_u8(0x111, 1));
-    EXPECT_EQ(Refusal(g.eeg), "[NihonKoden::Initialize] The extended block table lists 2 data blocks for the 1 of the control blocks.");
-    NkFiles f(NkEeg({0, 77}, 100, 1, {{}}));
+    NkFiles f(NkEeg({0, 77}, 100, 1, {{}}), "[ELECTRODE]\n0000=Fp1\n");
     EXPECT_EQ(Refusal(f.eeg).rfind("[NihonKoden::Initialize] Electrode code 77 is not in ", 0), 0u) << Refusal(f.eeg);
     std::remove(f.dir.path("r.21e").c_str());
     EXPECT_EQ(Refusal(f.eeg), "[NihonKoden::Initialize] Cannot read the electrode name table " + f.dir.path("r.21e") + ".");
