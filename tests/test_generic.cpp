@@ -220,13 +220,8 @@ TEST(GenericExport, WritesAPairThatReadsBackThroughDetection)
     ASSERT_EQ(src.GuessFileMFR(name), 2);
     src.Initialize(0);
 
-    struct Counting : ecProgressDlg {
-        int steps = 0;
-        int StepIt() override { return ++steps; }
-    } progress;
     const std::string out = dir.path("copy.f32");
-    ASSERT_EQ(WriteGenericCopy(src, out, &progress), 6);
-    EXPECT_EQ(progress.steps, 1);
+    ASSERT_EQ(WriteGenericCopy(src, out, nullptr), 6);
 
     CFilelib back;
     std::string outName = out;
