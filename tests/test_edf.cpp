@@ -8,7 +8,6 @@
 #include "fixtures/EdfFiles.h"
 #include "fixtures/Errors.h"
 #include "fixtures/Exercise.h"
-#include "fixtures/SharedData.h"
 
 using namespace std::string_literals;
 
@@ -259,35 +258,4 @@ TEST(EDF, MalformedHeadersGiveClearErrors)
     CEDF_BDF tooShort(dir.path("text.edf").c_str());
     EXPECT_EQ(Message([&] { tooShort.Initialize(0); }), p + "Not an EDF or BDF file: " + dir.path("text.edf"));
     EXPECT_EQ(tooShort.GetFileMFR(), 0);  // not claimed
-}
-
-// Real recordings written by other software (names, rate, length, first samples and event
-// positions: test_real_files). Annotations come first, then the trigger channels' events: exactly
-// what both trigger searches find, as `filelib triggers` runs them.
-TEST(EDFRealFiles, TriggerEventsAreWhatTheTriggerSearchesFind)
-{
-    SHARED_DATA_OR_SKIP(data, "");
-    const struct {
-        const char* file;
-        int annotations, triggers;
-    } rows[] = {
-        {"edf/test.edf", 5, 13},
-        {"edf/test_utf8_annotations.edf", 2, 0},
-        {"edf/test_edf_stim_channel.edf", 0, 12},
-        {"bdf/test.bdf", 0, 1},
-        {"bdf/test_bdf_stim_channel.bdf", 0, 9},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.file);
-        CFilelib f;
-        ASSERT_NE(OpenRecording(f, data + row.file), 0);
-        ecEventList events, words, analogue;
-        ASSERT_EQ(f.InitialEventList(&events, nullptr), row.annotations + row.triggers);
-        f.GetActiveFile()->FindAllTriggersDig(&words, 2, 0.5f, 0, false, -1, nullptr);
-        f.GetActiveFile()->FindAllTriggers(&analogue, 0, 0.5f, 0, false, nullptr);
-        EXPECT_EQ(EventsText(words), EventsText(events, row.annotations));
-        ASSERT_EQ(analogue.GetEventCnt(true), row.triggers);
-        for (int i = 0; i < row.triggers; ++i)
-            EXPECT_EQ(analogue.GetEvent(i).GetBegin(), events.GetEvent(row.annotations + i).GetBegin());
-    }
 }
