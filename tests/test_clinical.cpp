@@ -75,13 +75,19 @@ TEST(Clinical, FailuresNameTheirCause)
     EXPECT_EQ(Message([&] { unnamed.Initialize(0); }), "[PerSyst::Initialize] No layout file (.lay) is named.");
 }
 
-// What the eXimia recording's README states beyond the shared test: its trigger channels are
-// typed as such (their pulses are its events).
-TEST(Clinical, RealEximiaTriggerChannels)
+// What the recordings' READMEs state beyond the shared test: the channel kinds (eXimia's trigger
+// channels carry its events).
+TEST(Clinical, RealRecordingsChannelKinds)
 {
-    SHARED_DATA_OR_SKIP(data, "eximia");
-    CFilelib f;
-    OpenRecording(f, data + "test_eximia.nxe");
-    EXPECT_EQ(f.GetNumChans(kChanEEG), 60);
-    EXPECT_EQ(f.GetNumChans(kChanTrigger), 3);
+    SHARED_DATA_OR_SKIP(data, "");
+    const struct {
+        const char* file;
+        int eeg, trigger;
+    } files[] = {{"nicolet/test_nicolet_raw.data", 24, 0}, {"eximia/test_eximia.nxe", 60, 3}};
+    for (const auto& r : files) {
+        CFilelib f;
+        OpenRecording(f, data + r.file);
+        EXPECT_EQ(f.GetNumChans(kChanEEG), r.eeg) << r.file;
+        EXPECT_EQ(f.GetNumChans(kChanTrigger), r.trigger) << r.file;
+    }
 }
