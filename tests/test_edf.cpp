@@ -8,7 +8,6 @@
 #include "fixtures/EdfFiles.h"
 #include "fixtures/Errors.h"
 #include "fixtures/Exercise.h"
-#include "fixtures/SharedData.h"
 
 using namespace std::string_literals;
 
@@ -55,7 +54,6 @@ TEST(EDF, TheFacadeDeliversOneRowPerChannelItCounts)
         CFilelib f;
         ASSERT_EQ(OpenRecording(f, Write(dir, bdf ? "a.bdf" : "a.edf", spec)), bdf ? 22 : 21);
         auto* reader = dynamic_cast<CEDF_BDF*>(f.GetActiveFile());
-        EXPECT_EQ(reader->GetBytesPerSample(), bdf ? 3 : 2);
         EXPECT_EQ(reader->GetAnnotationSignal(), bdf ? -1 : 1);
         EXPECT_EQ(f.GetNumChans(0xFFFF), bdf ? 1 : 2);  // the type count runs over the reader's channels
         ecLabeledMatrix<float> m;
@@ -259,42 +257,4 @@ TEST(EDF, MalformedHeadersGiveClearErrors)
     CEDF_BDF tooShort(dir.path("text.edf").c_str());
     EXPECT_EQ(Message([&] { tooShort.Initialize(0); }), p + "Not an EDF or BDF file: " + dir.path("text.edf"));
     EXPECT_EQ(tooShort.GetFileMFR(), 0);  // not claimed
-}
-
-// Real recordings written by other software (names, rate, length, first samples and event
-// positions: test_real_files). Annotations first, then the trigger channels' events: exactly what
-// both trigger searches find, as `filelib triggers` runs them.
-TEST(EDFRealFiles, ChannelTypesEventNamesAndTriggers)
-{
-    SHARED_DATA_OR_SKIP(data, "");
-    const struct {
-        const char* file;
-        int code, eeg, annotations, triggers;
-        std::string first;  // of the annotations, then of the triggers
-    } rows[] = {
-        // clang-format off
-        {"edf/test.edf", 21, 138, 5, 13, "start@0#1/2 type A@69..200#2/2 type A@200..712#2/2 type B@1024#3/2 "
-                                         "type A@1280..2560#2/2 4096@512#4096/2"},
-        {"edf/test_utf8_annotations.edf", 21, 11, 2, 0, "RECORD START@0#1/2 \xE4\xBB\xB0\xE5\x8D\xA7@400..500#2/2"},
-        {"edf/SC4001EC-Hypnogram.edf", 21, 0, 154, 0, "Sleep stage W@0..30630000#1/2 Sleep stage 1@30630000..30750000#2/2"},
-        {"edf/test_edf_stim_channel.edf", 21, 24, 0, 12, "100@121#100/2 100@170#100/2 100@193#100/2"},
-        {"bdf/test.bdf", 22, 72, 0, 1, "128@589#128/2"},
-        {"bdf/test_bdf_stim_channel.bdf", 22, 3, 0, 9, "4@242#4/2 2@310#2/2 1@952#1/2"},
-        // clang-format on
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.file);
-        CFilelib f;
-        ASSERT_EQ(OpenRecording(f, data + row.file), row.code);
-        EXPECT_EQ(f.GetNumChans(kChanEEG), row.eeg);
-        ecEventList events, words, analogue;
-        ASSERT_EQ(f.InitialEventList(&events, nullptr), row.annotations + row.triggers);
-        EXPECT_EQ(EventsText(events).substr(0, row.first.size()), row.first);
-        f.GetActiveFile()->FindAllTriggersDig(&words, 2, 0.5f, 0, false, -1, nullptr);
-        f.GetActiveFile()->FindAllTriggers(&analogue, 0, 0.5f, 0, false, nullptr);
-        EXPECT_EQ(EventsText(words), EventsText(events, row.annotations));
-        ASSERT_EQ(analogue.GetEventCnt(true), row.triggers);
-        for (int i = 0; i < row.triggers; ++i)
-            EXPECT_EQ(analogue.GetEvent(i).GetBegin(), events.GetEvent(row.annotations + i).GetBegin());
-    }
 }

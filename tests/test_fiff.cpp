@@ -9,7 +9,6 @@
 #include "filelib/readers/Neuromag_FIFF.h"
 #include "fixtures/Bytes.h"
 #include "fixtures/Describe.h"
-#include "fixtures/SharedData.h"
 #include "fixtures/VendorFiles.h"
 
 namespace {
@@ -21,14 +20,14 @@ Fiff Header(uint32_t channels)
     return Fiff().tag(100, 31, Bytes().zeros(20)).f32(201, 999.0f).u32(204, 0).u32(200, channels).f32(201, 500.0f);
 }
 
-// The measurement info of a converted file (no MEAS_DATE): a magnetometer (cal 2e-12, range 3)
+// The measurement info of a converted file (no MEAS_DATE): a gradiometer (cal 2e-12, range 3)
 // and a stimulus channel at 500 Hz. The HPI sub-block's NCHAN and SFREQ are not the recording's.
 Fiff MeasInfo()
 {
     Fiff f;
     f.tag(100, 31, Bytes().zeros(20)).block(kMeas).block(kMeasInfo);
     f.block(kHpi).u32(200, 9).f32(201, 7.0f).endBlock(kHpi).u32(200, 2).f32(201, 500.0f);
-    f.tag(203, 30, ChInfo("MEG0111", 1, 3.0f, 2e-12f, 112, 0xFFFFFFF1)).tag(203, 30, ChInfo("STI101", 3, 1, 1, 107));
+    f.tag(203, 30, ChInfo("MEG0111", 1, 3.0f, 2e-12f, 201, 0xFFFFFFF1)).tag(203, 30, ChInfo("STI101", 3, 1, 1, 107));
     return f.endBlock(kMeasInfo);
 }
 
@@ -86,7 +85,6 @@ TEST(FIFF, TagWalk)
         {Fiff(start).u32(6001, 1).u32(200, 4).end(), {"FILE_ID", "Unsupported"}, ""},
         // The final step meets a known kind without the twelve bytes that should follow it.
         {Fiff(start).tag(108, 0, Bytes().u32be(100).zeros(4), 0xFFFFFFFF), {}, shortRead},
-        {Fiff(start).u32(200, 4), {}, shortRead},  // the chain runs into the end of the file
         {Fiff(start).u32(200, 4).tag(108, 0, Bytes()).tag(108, 0, Bytes(), 20), {}, "loops back on itself."},
     };
     for (const auto& [file, names, error] : cases) {
@@ -138,10 +136,6 @@ TEST(FIFF, DirectoryQueriesAndRecords)
     FIFF_TagRec pastEnd;
     pastEnd.dataPos = static_cast<long long>(f.size()) - 2;
     EXPECT_EQ(r.ReadFloat(pastEnd), 0.0f);
-    r.WriteTagRecords(w.dir.path("dir.txt"));
-    char line[200];
-    std::snprintf(line, sizeof line, "%25s %12u %12u %12u %12u %12lu\n", "FILE_ID", 100u, 31u, 20u, 0u, 16lu);
-    EXPECT_EQ(ReadTextFile(w.dir.path("dir.txt")).substr(0, std::string(line).size()), line);
 
     ASSERT_EQ(r.SetChannelInformationVector(), 3u);
     const auto& ch = r.GetChannelInformation();
@@ -202,6 +196,7 @@ TEST(FIFF, RawAndAveragedData)
         EXPECT_EQ(r.GetFirstSampleNumber(), c.firstSample);
         EXPECT_FLOAT_EQ(r.GetSampleRate(), 500.0f);
         EXPECT_TRUE(r.UseChanUnitPrefix(0));
+        EXPECT_EQ(ChannelsOf(r), "MEG0111/T/m/512 STI101/V/32768");
         ecLabeledMatrix<float> m;
         ASSERT_EQ(r.ReadData(m, 1, 100), static_cast<int>(c.meg.size()));
         for (size_t t = 0; t < c.meg.size(); ++t) {
@@ -232,8 +227,6 @@ TEST(FIFF, ErrorMessages)
     const auto open = [&] { return rated(100).block(kEvoked).u32(208, 0).u32(209, 1).block(kAspect); };  // samples 0, 1
     Fiff twoWindows = set(0, 1, {{1, 2}}, true);
     Evoked(twoWindows, "", 0, 2, {{1, 2, 3}}, true);
-    Fiff pastEnd = open();
-    pastEnd.raw(Bytes().u32be(302).u32be(0x40000004).u32be(1000).u32be(pastEnd.size() + 16));
     const std::string m1 = "[ecNeuroMag_FIFF::", m2 = "[ecNeuromag_FIFF::", in = m2 + "Initialize] ";
     const std::tuple<Fiff, std::function<void(ecNeuromag_FIFF&)>, std::string> cases[] = {
         {MeasInfo(), chans, m1 + "GetNumChans_FIFF] NCHAN not found after MEAS_DATE in FIFF file"},
@@ -265,7 +258,6 @@ TEST(FIFF, ErrorMessages)
         // The right size, but dimensions of 2 channels of 1 sample.
         {open().tag(302, 0x40000004, Bytes().zeros(8).u32be(1).u32be(2).u32be(2)), init,
          in + "An EPOCH matrix does not hold 1 channels of 2 samples."},
-        {pastEnd, init, in + "The EPOCH tag at byte " + std::to_string(pastEnd.size() - 16) + " runs past the end of the file."},
     };
     for (const auto& [file, call, message] : cases) {
         Walked w(Fiff(file).end());
@@ -273,29 +265,5 @@ TEST(FIFF, ErrorMessages)
         if (const size_t at = raised.find(w.path); at != std::string::npos)
             raised.replace(at, w.path.size(), "<file>");
         EXPECT_EQ(raised, message);
-    }
-}
-
-// Real recordings written by other software (names, rate, length, values and event positions:
-// test_real_files).
-TEST(FIFFRealFiles, KindsFirstSampleEventCodesAndUnits)
-{
-    SHARED_DATA_OR_SKIP(folder, "fiff");
-    for (const auto& [file, meg, stim, firstSample] :
-         {std::tuple{"test_elekta_3ch_raw.fif", 3, 1, 3000}, {"neuromag122_test_file-raw.fif", 122, 7, 21000}}) {
-        SCOPED_TRACE(file);
-        CFilelib f;
-        std::string name = folder + file;
-        ASSERT_EQ(f.GuessFileMFR(name), 20);
-        f.Initialize(0);
-        EXPECT_EQ(std::make_pair(f.GetMEGChannelCount(), f.GetNumChans(0x8000)), std::make_pair(meg, stim));
-        EXPECT_EQ(dynamic_cast<ecNeuromag_FIFF*>(f.GetActiveFile())->GetFirstSampleNumber(), firstSample);
-        if (meg != 3)
-            continue;
-        EXPECT_EQ(EventsOf(f, 0, 6), "2@483#2/2 2@979#2/2 32@1451#32/2 16@1975#16/2 64@2506#64/2 128@2913#128/2");
-        std::string unit;
-        f.GetChanUnit(1, unit);
-        EXPECT_EQ(unit, "T/m");
-        EXPECT_FLOAT_EQ(f.GetChanScale(1), -1.044e-08f);  // negative, as stored
     }
 }
