@@ -20,6 +20,8 @@ constexpr long long kBlockBytes = 1LL << 20;
 // Slices converted across all channels before moving on: the tile's bytes stay in the first-level
 // cache while every row is written sequentially.
 constexpr long long kTileSlices = 64;
+// Bytes between two segments (their headers) that one read may pass over rather than stop at.
+constexpr long long kGapBytes = 4096;
 
 // The stored number of each sample type, in its natural type (integers as int32_t), with the
 // sample's width known at compile time so that contiguous runs vectorise.
@@ -218,10 +220,12 @@ long long ecSampleEngine::SegmentStart(long long segment) const
     return start + m_layout.segmentHeader;
 }
 
-bool ecSampleEngine::ReadSpan(FILE* fp, long long from, long long bytes)
+// The bytes read; the buffer only grows (a resize would clear bytes that are about to be read).
+long long ecSampleEngine::ReadSpan(FILE* fp, long long from, long long bytes)
 {
-    m_buffer.resize(static_cast<size_t>(bytes));
-    return ReadAt(fp, from, m_buffer.data(), m_buffer.size()) == m_buffer.size();
+    if (m_buffer.size() < static_cast<size_t>(bytes))
+        m_buffer.resize(static_cast<size_t>(bytes));
+    return static_cast<long long>(ReadAt(fp, from, m_buffer.data(), static_cast<size_t>(bytes)));
 }
 
 namespace {
@@ -602,6 +606,30 @@ void ecSampleEngine::Convert(const uint8_t* base, long long lo, const Target& ta
     WithDecoder(m_layout.type, m_layout.bigEndian, [&](auto decode) { ConvertWith(decode, base, lo, target, a, b); });
 }
 
+// Appends to the pieces the segments that follow the last one, as long as their bytes follow
+// within a few kilobytes and one block holds them all: small segments (records of some
+// kilobytes) then cost one read together rather than a call each. Returns the end of their bytes.
+long long ecSampleEngine::Gather(long long first, long long count, long long to)
+{
+    const long long segmentSlices = SegmentSlices();
+    const size_t channels = m_layout.channels.size();
+    const long long segments = m_layout.segmentTable.empty() ? -1 : static_cast<long long>(m_layout.segmentTable.size());
+    for (long long column = m_pieces.back().column + (m_pieces.back().b - m_pieces.back().a); column < count;) {
+        const Place place = Locate(first + column);
+        if (place.slice >= place.stored || (segments >= 0 && place.segment >= segments))
+            break;
+        const long long b = std::min(place.stored, place.slice + count - column);
+        const auto [lo, hi] = Span(m_layout, segmentSlices, place.slice, b, 0, channels);
+        const long long start = SegmentStart(place.segment);
+        if (start + lo < to || start + lo - to > kGapBytes || start + hi - m_pieces.front().from > kBlockBytes)
+            break;
+        m_pieces.push_back({start + lo, start + hi, lo, place.slice, b, column});
+        to = start + hi;
+        column += b - place.slice;
+    }
+    return to;
+}
+
 ecSampleEngine::Place ecSampleEngine::Locate(long long slice) const
 {
     const std::vector<long long>& firsts = m_layout.segmentFirstSlices;
@@ -661,26 +689,33 @@ long long ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, lo
             span = Span(m_layout, segmentSlices, a, b, 0, channels);
         }
         if (span.second - span.first <= kBlockBytes) {
-            if (!ReadSpan(fp, start + span.first, span.second - span.first))
-                return done;
-            Convert(m_buffer.data(), span.first, {rows, done, calFactors, calOffsets}, a, b);
-        } else {
-            b = std::min(inSegment, a + count - done);
-            for (size_t c = 0; c < channels; ++c) {
-                if (!rows[c])
-                    continue;
-                // A block of this channel's samples, however far apart they lie.
-                const long long perBlock =
-                    std::max<long long>(1, kBlockBytes / std::max<long long>(width, m_layout.channels[c].stride));
-                std::fill(one.begin(), one.end(), nullptr);
-                one[c] = rows[c];
-                for (long long s = a; s < b; s += perBlock) {
-                    const long long e = std::min(b, s + perBlock);
-                    const auto [from, to] = Span(m_layout, segmentSlices, s, e, c, c + 1);
-                    if (!ReadSpan(fp, start + from, to - from))
-                        return done;
-                    Convert(m_buffer.data(), from, {one.data(), done + (s - a), calFactors, calOffsets}, s, e);
-                }
+            m_pieces.assign(1, {start + span.first, start + span.second, span.first, a, b, done});
+            const long long from = start + span.first, to = Gather(first, count, start + span.second);
+            const long long got = ReadSpan(fp, from, to - from);
+            for (const Piece& piece : m_pieces) {
+                if (piece.to - from > got)
+                    return done;
+                Convert(m_buffer.data() + (piece.from - from), piece.lo, {rows, piece.column, calFactors, calOffsets},
+                        piece.a, piece.b);
+                done = piece.column + (piece.b - piece.a);
+            }
+            continue;
+        }
+        b = std::min(inSegment, a + count - done);
+        for (size_t c = 0; c < channels; ++c) {
+            if (!rows[c])
+                continue;
+            // A block of this channel's samples, however far apart they lie.
+            const long long perBlock =
+                std::max<long long>(1, kBlockBytes / std::max<long long>(width, m_layout.channels[c].stride));
+            std::fill(one.begin(), one.end(), nullptr);
+            one[c] = rows[c];
+            for (long long s = a; s < b; s += perBlock) {
+                const long long e = std::min(b, s + perBlock);
+                const auto [from, to] = Span(m_layout, segmentSlices, s, e, c, c + 1);
+                if (ReadSpan(fp, start + from, to - from) != to - from)
+                    return done;
+                Convert(m_buffer.data(), from, {one.data(), done + (s - a), calFactors, calOffsets}, s, e);
             }
         }
         done += b - a;
