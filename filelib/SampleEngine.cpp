@@ -25,10 +25,11 @@ constexpr long long kGapBytes = 4096;
 
 // The stored number of each sample type, in its natural type (integers as int32_t), with the
 // sample's width known at compile time so that contiguous runs vectorise.
-template <int Width, typename Raw, Raw (*Load)(const uint8_t*)>
+template <int Width, typename RawType, RawType (*Load)(const uint8_t*)>
 struct Decoder {
     static constexpr int kWidth = Width;
-    Raw operator()(const uint8_t* p) const { return Load(p); }
+    using Raw = RawType;
+    RawType operator()(const uint8_t* p) const { return Load(p); }
 };
 
 int32_t I8(const uint8_t* p) { return static_cast<int8_t>(*p); }
@@ -109,6 +110,116 @@ struct Conversion {
     }
 };
 
+#if defined(__GNUC__) && defined(__x86_64__)
+// Eight values at a time in 256-bit registers, chosen at run time where the processor has them (no
+// fused multiply-add: the arithmetic stays the scalar one lane by lane, so values are identical).
+#define FILELIB_AVX2 __attribute__((target("avx2")))
+
+struct WideLanes {
+    __m256 shiftF, gainF, calFactor, calOffset;
+    __m256d shift, gain;
+};
+
+FILELIB_AVX2 WideLanes WideLanesOf(const Conversion& c)
+{
+    return {_mm256_set1_ps(c.shiftF),    _mm256_set1_ps(c.gainF), _mm256_set1_ps(c.calFactor),
+            _mm256_set1_ps(c.calOffset), _mm256_set1_pd(c.shift), _mm256_set1_pd(c.gain)};
+}
+
+// Eight values of one channel (32-bit integers, or float bits) in the channel's arithmetic.
+template <int Mode, bool Calibrated, bool Floats = false>
+FILELIB_AVX2 __m256 Convert8(__m256i v, const WideLanes& k)
+{
+    __m256 f;
+    if constexpr (Mode == kExact && Floats) {
+        const __m256 x = _mm256_castsi256_ps(v);
+        const __m256d lo = _mm256_cvtps_pd(_mm256_castps256_ps128(x));
+        const __m256d hi = _mm256_cvtps_pd(_mm256_extractf128_ps(x, 1));
+        f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(lo, k.shift), k.gain))),
+                                 _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(hi, k.shift), k.gain)), 1);
+    } else if constexpr (Mode == kExact) {
+        const __m256d lo = _mm256_cvtepi32_pd(_mm256_castsi256_si128(v));
+        const __m256d hi = _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1));
+        f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(lo, k.shift), k.gain))),
+                                 _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(hi, k.shift), k.gain)), 1);
+    } else {
+        const __m256 x = Floats ? _mm256_castsi256_ps(v) : _mm256_cvtepi32_ps(v);
+        f = _mm256_mul_ps(_mm256_sub_ps(x, k.shiftF), k.gainF);
+    }
+    if constexpr (Calibrated)
+        f = _mm256_add_ps(_mm256_mul_ps(f, k.calFactor), k.calOffset);
+    return f;
+}
+
+bool WideBlocks()
+{
+    static const bool has = __builtin_cpu_supports("avx2");
+    return has;
+}
+
+FILELIB_AVX2 __m128i Bytes16(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+FILELIB_AVX2 __m256i Bytes32(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+
+// Eight stored values from p as 32-bit lanes (float bits for floats). A 3-byte load takes 32
+// bytes for its 24, so its caller leaves 8 bytes behind the last value it loads.
+template <typename Decode>
+FILELIB_AVX2 __m256i Load8(const uint8_t* p)
+{
+    using D = Decode;
+    const __m128i swap16 = _mm_setr_epi8(1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14);
+    const __m256i swap32 = _mm256_setr_epi8(3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12,
+                                            3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12);
+    if constexpr (std::is_same_v<D, Decoder<1, int32_t, I8>>)
+        return _mm256_cvtepi8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    else if constexpr (std::is_same_v<D, Decoder<1, int32_t, U8>>)
+        return _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    else if constexpr (std::is_same_v<D, Decoder<2, int32_t, I16LE>>)
+        return _mm256_cvtepi16_epi32(Bytes16(p));
+    else if constexpr (std::is_same_v<D, Decoder<2, int32_t, I16BE>>)
+        return _mm256_cvtepi16_epi32(_mm_shuffle_epi8(Bytes16(p), swap16));
+    else if constexpr (std::is_same_v<D, Decoder<2, int32_t, U16LE>>)
+        return _mm256_cvtepu16_epi32(Bytes16(p));
+    else if constexpr (std::is_same_v<D, Decoder<2, int32_t, U16BE>>)
+        return _mm256_cvtepu16_epi32(_mm_shuffle_epi8(Bytes16(p), swap16));
+    else if constexpr (D::kWidth == 3) {
+        // Values 0-3 in the low half, 4-7 in the high one, each to the top three bytes of its lane.
+        constexpr bool le = std::is_same_v<D, Decoder<3, int32_t, I24LE>>;
+        const __m256i spread = _mm256_permutevar8x32_epi32(Bytes32(p), _mm256_setr_epi32(0, 1, 2, 3, 2, 3, 4, 5));
+        const __m256i order = le ? _mm256_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11,
+                                                    -1, 4, 5, 6, -1, 7, 8, 9, -1, 10, 11, 12, -1, 13, 14, 15)
+                                 : _mm256_setr_epi8(-1, 2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9,
+                                                    -1, 6, 5, 4, -1, 9, 8, 7, -1, 12, 11, 10, -1, 15, 14, 13);
+        return _mm256_srai_epi32(_mm256_shuffle_epi8(spread, order), 8);
+    } else if constexpr (std::is_same_v<D, Decoder<4, int32_t, I32LE>> ||
+                         std::is_same_v<D, Decoder<4, float, FromBits<float, uint32_t, LoadU32LE>>>)
+        return Bytes32(p);
+    else
+        return _mm256_shuffle_epi8(Bytes32(p), swap32);
+}
+
+// A contiguous run of n values: the whole groups of eight it converts, the rest left to the caller.
+template <int Mode, bool Calibrated, typename Decode>
+FILELIB_AVX2 long long ConvertRunWide(const Conversion& conv, const uint8_t* p, float* out, long long n)
+{
+    constexpr bool floats = std::is_same_v<typename Decode::Raw, float>;
+    const WideLanes k = WideLanesOf(conv);
+    const long long groups = Decode::kWidth == 3 ? (n - 3) / 8 : n / 8;  // 3 values' bytes behind the last load
+    for (long long g = 0; g < groups; ++g)
+        _mm256_storeu_ps(out + 8 * g, Convert8<Mode, Calibrated, floats>(Load8<Decode>(p + 8 * g * Decode::kWidth), k));
+    return std::max(0LL, groups) * 8;
+}
+
+// Whether ConvertRunWide handles the sample type and arithmetic.
+template <int Mode, typename Decode>
+constexpr bool kWideRun = (Mode == kExact || Mode == kSingle) && Decode::kWidth <= 4;
+#else
+bool WideBlocks() { return false; }
+template <int Mode, typename Decode>
+constexpr bool kWideRun = false;
+template <int Mode, bool Calibrated, typename Decode>
+long long ConvertRunWide(const Conversion&, const uint8_t*, float*, long long) { return 0; }
+#endif
+
 // One channel's run of samples [t0, t1) into out[0 .. t1 - t0): held channels (samples > 0) look up the
 // sample each slice shows; the arithmetic is fixed outside the loop, which has no branch.
 // `base` holds the segment's bytes from `lo` on: sample k of the channel is at
@@ -125,7 +236,10 @@ void ConvertRun(Decode decode, const Conversion& conv, const ecChannelLayout& ch
     const uint8_t* p = base + (ch.offset + t0 * ch.stride - lo);
     const long long n = t1 - t0;
     if (ch.stride == Decode::kWidth) {  // one contiguous run: a stride the compiler knows
-        for (long long i = 0; i < n; ++i)
+        long long i = 0;
+        if constexpr (kWideRun<Mode, Decode>)
+            i = WideBlocks() ? ConvertRunWide<Mode, Calibrated, Decode>(conv, p, out, n) : 0;
+        for (; i < n; ++i)
             out[i] = conv.Apply<Mode, Calibrated>(decode, p + i * Decode::kWidth);
         return;
     }
@@ -379,40 +493,14 @@ void Block32(const uint8_t* p, long long stride, long long groups, const Convers
 #if defined(__GNUC__) && defined(__x86_64__)
 // With 256-bit registers holding slice s in their low half and slice s + 4 in their high half, the
 // same two unpack stages leave one channel's eight slices in one register, stored in one go: half
-// the shuffles of the 128-bit blocks, which shuffles bound. Chosen at run time, where the
-// processor has them (no fused multiply-add: the arithmetic stays the scalar one).
-#define FILELIB_AVX2 __attribute__((target("avx2")))
-
-struct WideLanes {
-    __m256 shiftF, gainF, calFactor, calOffset;
-    __m256d shift, gain;
-};
-
-template <int Mode, bool Calibrated>
-FILELIB_AVX2 __m256 Convert8(__m256i v, const WideLanes& k)
-{
-    __m256 f;
-    if constexpr (Mode == kExact) {
-        const __m256d lo = _mm256_cvtepi32_pd(_mm256_castsi256_si128(v));
-        const __m256d hi = _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1));
-        f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(lo, k.shift), k.gain))),
-                                 _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(hi, k.shift), k.gain)), 1);
-    } else {
-        f = _mm256_mul_ps(_mm256_sub_ps(_mm256_cvtepi32_ps(v), k.shiftF), k.gainF);
-    }
-    if constexpr (Calibrated)
-        f = _mm256_add_ps(_mm256_mul_ps(f, k.calFactor), k.calOffset);
-    return f;
-}
-
+// the shuffles of the 128-bit blocks, which shuffles bound.
 template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
 FILELIB_AVX2 void Block16Wide(const uint8_t* p, long long stride, long long groups, const Conversion* conv,
                               float* const* out)
 {
     WideLanes k[8];
     for (int j = 0; j < 8; ++j)
-        k[j] = {_mm256_set1_ps(conv[j].shiftF),    _mm256_set1_ps(conv[j].gainF), _mm256_set1_ps(conv[j].calFactor),
-                _mm256_set1_ps(conv[j].calOffset), _mm256_set1_pd(conv[j].shift), _mm256_set1_pd(conv[j].gain)};
+        k[j] = WideLanesOf(conv[j]);
     for (long long g = 0; g < groups; ++g, p += 8 * stride) {
         __m256i r[4];
         for (int s = 0; s < 4; ++s) {
@@ -437,12 +525,6 @@ FILELIB_AVX2 void Block16Wide(const uint8_t* p, long long stride, long long grou
             _mm256_storeu_ps(out[2 * j + 1] + 8 * g, Convert8<Mode, Calibrated>(odd, k[2 * j + 1]));
         }
     }
-}
-
-bool WideBlocks()
-{
-    static const bool has = __builtin_cpu_supports("avx2");
-    return has;
 }
 
 template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
