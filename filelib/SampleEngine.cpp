@@ -1,6 +1,7 @@
 #include "filelib/SampleEngine.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <type_traits>
 
@@ -8,6 +9,8 @@
 #include <immintrin.h>
 #endif
 #include <utility>
+
+#include <unistd.h>
 
 #include "companion/ByteCursor.h"
 #include "companion/Utility.h"
@@ -334,12 +337,26 @@ long long ecSampleEngine::SegmentStart(long long segment) const
     return start + m_layout.segmentHeader;
 }
 
-// The bytes read; the buffer only grows (a resize would clear bytes that are about to be read).
+// The bytes read, in one call at the offset that bypasses the stream's buffer: a seek and a
+// buffered read would cost two calls more, one of them for bytes nobody asked for. The buffer
+// only grows (a resize would clear bytes that are about to be read).
 long long ecSampleEngine::ReadSpan(FILE* fp, long long from, long long bytes)
 {
     if (m_buffer.size() < static_cast<size_t>(bytes))
         m_buffer.resize(static_cast<size_t>(bytes));
-    return static_cast<long long>(ReadAt(fp, from, m_buffer.data(), static_cast<size_t>(bytes)));
+    const int fd = fileno(fp);
+    if (fd < 0)  // a stream with no file under it
+        return static_cast<long long>(ReadAt(fp, from, m_buffer.data(), static_cast<size_t>(bytes)));
+    long long got = 0;
+    while (got < bytes) {
+        const ssize_t n = pread(fd, m_buffer.data() + got, static_cast<size_t>(bytes - got), static_cast<off_t>(from + got));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        got += n;
+    }
+    return got;
 }
 
 namespace {
@@ -674,10 +691,13 @@ void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long l
     // A channel stored as one run converts in one go; interleaved ones go tile by tile, so that
     // a tile's bytes stay in the first-level cache while every row is written in order.
     auto contiguous = [&](const ecChannelLayout& ch) { return ch.samples == 0 && ch.stride == Decode::kWidth; };
-    for (size_t c = 0; c < chans.size(); ++c)
+    bool interleaved = false;
+    for (size_t c = 0; c < chans.size(); ++c) {
         if (target.rows[c] && contiguous(chans[c]))
             convert(c, a, b);
-    for (long long t0 = a; t0 < b; t0 += kTileSlices)
+        interleaved = interleaved || (target.rows[c] && !contiguous(chans[c]));
+    }
+    for (long long t0 = a; interleaved && t0 < b; t0 += kTileSlices)
         for (size_t c = 0; c < chans.size(); ++c)
             if (target.rows[c] && !contiguous(chans[c]))
                 convert(c, t0, std::min(b, t0 + kTileSlices));
