@@ -130,7 +130,9 @@ FILELIB_AVX2 WideLanes WideLanesOf(const Conversion& c)
 }
 
 // Eight values of one channel (32-bit integers, or float bits) in the channel's arithmetic.
-template <int Mode, bool Calibrated, bool Floats = false>
+// Unshifted: every shift is zero, which leaves an integer unchanged (no integer is -0), so the
+// subtraction can go.
+template <int Mode, bool Calibrated, bool Floats = false, bool Shifted = true>
 FILELIB_AVX2 __m256 Convert8(__m256i v, const WideLanes& k)
 {
     __m256 f;
@@ -143,11 +145,11 @@ FILELIB_AVX2 __m256 Convert8(__m256i v, const WideLanes& k)
     } else if constexpr (Mode == kExact) {
         const __m256d lo = _mm256_cvtepi32_pd(_mm256_castsi256_si128(v));
         const __m256d hi = _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1));
-        f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(lo, k.shift), k.gain))),
-                                 _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(hi, k.shift), k.gain)), 1);
+        f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_mul_pd(Shifted ? _mm256_add_pd(lo, k.shift) : lo, k.gain))),
+                                 _mm256_cvtpd_ps(_mm256_mul_pd(Shifted ? _mm256_add_pd(hi, k.shift) : hi, k.gain)), 1);
     } else {
         const __m256 x = Floats ? _mm256_castsi256_ps(v) : _mm256_cvtepi32_ps(v);
-        f = _mm256_mul_ps(_mm256_sub_ps(x, k.shiftF), k.gainF);
+        f = _mm256_mul_ps(Shifted ? _mm256_sub_ps(x, k.shiftF) : x, k.gainF);
     }
     if constexpr (Calibrated)
         f = _mm256_add_ps(_mm256_mul_ps(f, k.calFactor), k.calOffset);
@@ -511,7 +513,7 @@ void Block32(const uint8_t* p, long long stride, long long groups, const Convers
 // With 256-bit registers holding slice s in their low half and slice s + 4 in their high half, the
 // same two unpack stages leave one channel's eight slices in one register, stored in one go: half
 // the shuffles of the 128-bit blocks, which shuffles bound.
-template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
+template <bool BigEndian, bool Signed, int Mode, bool Calibrated, bool Shifted>
 FILELIB_AVX2 void Block16Wide(const uint8_t* p, long long stride, long long groups, const Conversion* conv,
                               float* const* out)
 {
@@ -538,20 +540,22 @@ FILELIB_AVX2 void Block16Wide(const uint8_t* p, long long stride, long long grou
                                         : _mm256_unpacklo_epi16(q, _mm256_setzero_si256());
             const __m256i odd = Signed ? _mm256_srai_epi32(_mm256_unpackhi_epi16(q, q), 16)
                                        : _mm256_unpackhi_epi16(q, _mm256_setzero_si256());
-            _mm256_storeu_ps(out[2 * j] + 8 * g, Convert8<Mode, Calibrated>(even, k[2 * j]));
-            _mm256_storeu_ps(out[2 * j + 1] + 8 * g, Convert8<Mode, Calibrated>(odd, k[2 * j + 1]));
+            _mm256_storeu_ps(out[2 * j] + 8 * g, Convert8<Mode, Calibrated, false, Shifted>(even, k[2 * j]));
+            _mm256_storeu_ps(out[2 * j + 1] + 8 * g, Convert8<Mode, Calibrated, false, Shifted>(odd, k[2 * j + 1]));
         }
     }
 }
 
 template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
-Block Block16For()
+Block Block16For(bool shifted)
 {
-    return WideBlocks() ? Block16Wide<BigEndian, Signed, Mode, Calibrated> : Block16<BigEndian, Signed, Mode, Calibrated>;
+    if (!WideBlocks())
+        return Block16<BigEndian, Signed, Mode, Calibrated>;
+    return shifted ? Block16Wide<BigEndian, Signed, Mode, Calibrated, true> : Block16Wide<BigEndian, Signed, Mode, Calibrated, false>;
 }
 #else
 template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
-Block Block16For()
+Block Block16For(bool)
 {
     return Block16<BigEndian, Signed, Mode, Calibrated>;
 }
@@ -563,13 +567,14 @@ struct Mover {
 };
 
 template <int Mode, bool Calibrated>
-Mover MoverIn(ecSampleType type, bool bigEndian)
+Mover MoverIn(ecSampleType type, bool bigEndian, bool shifted)
 {
     switch (type) {
     case ecSampleType::Int16:
-        return {bigEndian ? Block16For<true, true, Mode, Calibrated>() : Block16For<false, true, Mode, Calibrated>(), 8, 8};
+        return {bigEndian ? Block16For<true, true, Mode, Calibrated>(shifted) : Block16For<false, true, Mode, Calibrated>(shifted), 8, 8};
     case ecSampleType::UInt16:
-        return {bigEndian ? Block16For<true, false, Mode, Calibrated>() : Block16For<false, false, Mode, Calibrated>(), 8, 8};
+        return {bigEndian ? Block16For<true, false, Mode, Calibrated>(shifted) : Block16For<false, false, Mode, Calibrated>(shifted),
+                8, 8};
     case ecSampleType::Int32:
         return {bigEndian ? Block32<true, false, Mode, Calibrated> : Block32<false, false, Mode, Calibrated>, 4, 4};
     case ecSampleType::Float32:
@@ -587,13 +592,16 @@ Mover MoverIn(ecSampleType type, bool bigEndian)
 Mover MoverFor(ecSampleType type, bool bigEndian, const Conversion* conv, size_t channels, bool calibrated)
 {
     const int mode = conv[0].mode;
-    for (size_t c = 1; c < channels; ++c)
+    bool shifted = false;
+    for (size_t c = 0; c < channels; ++c) {
         if (conv[c].mode != mode)
             return {};
+        shifted = shifted || conv[c].shift != 0 || conv[c].shiftF != 0;
+    }
     if (mode == kExact)
-        return calibrated ? MoverIn<kExact, true>(type, bigEndian) : MoverIn<kExact, false>(type, bigEndian);
+        return calibrated ? MoverIn<kExact, true>(type, bigEndian, shifted) : MoverIn<kExact, false>(type, bigEndian, shifted);
     if (mode == kSingle)
-        return calibrated ? MoverIn<kSingle, true>(type, bigEndian) : MoverIn<kSingle, false>(type, bigEndian);
+        return calibrated ? MoverIn<kSingle, true>(type, bigEndian, shifted) : MoverIn<kSingle, false>(type, bigEndian, shifted);
     return {};
 }
 
