@@ -202,15 +202,25 @@ FILELIB_AVX2 __m256i Load8(const uint8_t* p)
         return _mm256_shuffle_epi8(Bytes32(p), swap32);
 }
 
+template <int Mode, bool Calibrated, typename Decode, bool Shifted>
+FILELIB_AVX2 void ConvertGroups(const WideLanes& k, const uint8_t* p, float* out, long long groups)
+{
+    constexpr bool floats = std::is_same_v<typename Decode::Raw, float>;
+    for (long long g = 0; g < groups; ++g)
+        _mm256_storeu_ps(out + 8 * g, Convert8<Mode, Calibrated, floats, Shifted>(Load8<Decode>(p + 8 * g * Decode::kWidth), k));
+}
+
 // A contiguous run of n values: the whole groups of eight it converts, the rest left to the caller.
+// Integers with no shift leave it out (floats keep it: -0 + 0 is +0, and x - 0 quiets a signalling NaN).
 template <int Mode, bool Calibrated, typename Decode>
 FILELIB_AVX2 long long ConvertRunWide(const Conversion& conv, const uint8_t* p, float* out, long long n)
 {
-    constexpr bool floats = std::is_same_v<typename Decode::Raw, float>;
     const WideLanes k = WideLanesOf(conv);
     const long long groups = Decode::kWidth == 3 ? (n - 3) / 8 : n / 8;  // 3 values' bytes behind the last load
-    for (long long g = 0; g < groups; ++g)
-        _mm256_storeu_ps(out + 8 * g, Convert8<Mode, Calibrated, floats>(Load8<Decode>(p + 8 * g * Decode::kWidth), k));
+    if (std::is_same_v<typename Decode::Raw, float> || conv.shift != 0 || conv.shiftF != 0)
+        ConvertGroups<Mode, Calibrated, Decode, true>(k, p, out, groups);
+    else
+        ConvertGroups<Mode, Calibrated, Decode, false>(k, p, out, groups);
     return std::max(0LL, groups) * 8;
 }
 
