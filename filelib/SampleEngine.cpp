@@ -442,8 +442,9 @@ struct Lanes {
     }
 };
 
-// Four values of one channel (32-bit integers, or float bits) in the channel's arithmetic.
-template <int Mode, bool Calibrated, bool Floats>
+// Four values of one channel (32-bit integers, or float bits) in the channel's arithmetic;
+// unshifted as Convert8.
+template <int Mode, bool Calibrated, bool Floats, bool Shifted = true>
 __m128 Convert4(__m128i v, const Lanes& k)
 {
     __m128 f;
@@ -457,11 +458,11 @@ __m128 Convert4(__m128i v, const Lanes& k)
             lo = _mm_cvtepi32_pd(v);
             hi = _mm_cvtepi32_pd(_mm_shuffle_epi32(v, 0xEE));
         }
-        f = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(lo, k.shift), k.gain)),
-                          _mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(hi, k.shift), k.gain)));
+        f = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(Shifted ? _mm_add_pd(lo, k.shift) : lo, k.gain)),
+                          _mm_cvtpd_ps(_mm_mul_pd(Shifted ? _mm_add_pd(hi, k.shift) : hi, k.gain)));
     } else {
         const __m128 x = Floats ? _mm_castsi128_ps(v) : _mm_cvtepi32_ps(v);
-        f = _mm_mul_ps(_mm_sub_ps(x, k.shiftF), k.gainF);
+        f = _mm_mul_ps(Shifted ? _mm_sub_ps(x, k.shiftF) : x, k.gainF);
     }
     if constexpr (Calibrated)
         f = _mm_add_ps(_mm_mul_ps(f, k.calFactor), k.calOffset);
@@ -505,7 +506,7 @@ void Block16(const uint8_t* p, long long stride, long long groups, const Convers
     }
 }
 
-template <bool BigEndian, bool Floats, int Mode, bool Calibrated>
+template <bool BigEndian, bool Floats, int Mode, bool Calibrated, bool Shifted>
 void Block32(const uint8_t* p, long long stride, long long groups, const Conversion* conv, float* const* out)
 {
     const Lanes k[4] = {Lanes(conv[0]), Lanes(conv[1]), Lanes(conv[2]), Lanes(conv[3])};
@@ -515,7 +516,7 @@ void Block32(const uint8_t* p, long long stride, long long groups, const Convers
             r[s] = _mm_castsi128_ps(Swap32<BigEndian>(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + s * stride))));
         _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
         for (int j = 0; j < 4; ++j)
-            _mm_storeu_ps(out[j] + 4 * g, Convert4<Mode, Calibrated, Floats>(_mm_castps_si128(r[j]), k[j]));
+            _mm_storeu_ps(out[j] + 4 * g, Convert4<Mode, Calibrated, Floats, Shifted>(_mm_castps_si128(r[j]), k[j]));
     }
 }
 
@@ -571,6 +572,15 @@ Block Block16For(bool)
 }
 #endif
 
+// Floats keep their shift whatever it is (see Convert8).
+template <bool BigEndian, bool Floats, int Mode, bool Calibrated>
+Block Block32For(bool shifted)
+{
+    if (Floats || shifted)
+        return Block32<BigEndian, Floats, Mode, Calibrated, true>;
+    return Block32<BigEndian, Floats, Mode, Calibrated, Floats>;
+}
+
 struct Mover {
     Block block = nullptr;
     int channels = 0, slices = 0;  // the block's size
@@ -586,13 +596,15 @@ Mover MoverIn(ecSampleType type, bool bigEndian, bool shifted)
         return {bigEndian ? Block16For<true, false, Mode, Calibrated>(shifted) : Block16For<false, false, Mode, Calibrated>(shifted),
                 8, 8};
     case ecSampleType::Int32:
-        return {bigEndian ? Block32<true, false, Mode, Calibrated> : Block32<false, false, Mode, Calibrated>, 4, 4};
+        return {bigEndian ? Block32For<true, false, Mode, Calibrated>(shifted) : Block32For<false, false, Mode, Calibrated>(shifted),
+                4, 4};
     case ecSampleType::Float32:
-        return {bigEndian ? Block32<true, true, Mode, Calibrated> : Block32<false, true, Mode, Calibrated>, 4, 4};
+        return {bigEndian ? Block32For<true, true, Mode, Calibrated>(shifted) : Block32For<false, true, Mode, Calibrated>(shifted),
+                4, 4};
     case ecSampleType::Int8:
     case ecSampleType::UInt8:
     case ecSampleType::Int24:  // widened to native 32-bit integers first
-        return {Block32<false, false, Mode, Calibrated>, 4, 4};
+        return {Block32For<false, false, Mode, Calibrated>(shifted), 4, 4};
     default:
         return {};
     }
