@@ -1,6 +1,7 @@
 #include "filelib/SampleEngine.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <type_traits>
 
@@ -8,6 +9,8 @@
 #include <immintrin.h>
 #endif
 #include <utility>
+
+#include <unistd.h>
 
 #include "companion/ByteCursor.h"
 #include "companion/Utility.h"
@@ -20,13 +23,16 @@ constexpr long long kBlockBytes = 1LL << 20;
 // Slices converted across all channels before moving on: the tile's bytes stay in the first-level
 // cache while every row is written sequentially.
 constexpr long long kTileSlices = 64;
+// Bytes between two segments (their headers) that one read may pass over rather than stop at.
+constexpr long long kGapBytes = 4096;
 
 // The stored number of each sample type, in its natural type (integers as int32_t), with the
 // sample's width known at compile time so that contiguous runs vectorise.
-template <int Width, typename Raw, Raw (*Load)(const uint8_t*)>
+template <int Width, typename RawType, RawType (*Load)(const uint8_t*)>
 struct Decoder {
     static constexpr int kWidth = Width;
-    Raw operator()(const uint8_t* p) const { return Load(p); }
+    using Raw = RawType;
+    RawType operator()(const uint8_t* p) const { return Load(p); }
 };
 
 int32_t I8(const uint8_t* p) { return static_cast<int8_t>(*p); }
@@ -107,6 +113,128 @@ struct Conversion {
     }
 };
 
+#if defined(__GNUC__) && defined(__x86_64__)
+// Eight values at a time in 256-bit registers, chosen at run time where the processor has them (no
+// fused multiply-add: the arithmetic stays the scalar one lane by lane, so values are identical).
+#define FILELIB_AVX2 __attribute__((target("avx2")))
+
+struct WideLanes {
+    __m256 shiftF, gainF, calFactor, calOffset;
+    __m256d shift, gain;
+};
+
+FILELIB_AVX2 WideLanes WideLanesOf(const Conversion& c)
+{
+    return {_mm256_set1_ps(c.shiftF),    _mm256_set1_ps(c.gainF), _mm256_set1_ps(c.calFactor),
+            _mm256_set1_ps(c.calOffset), _mm256_set1_pd(c.shift), _mm256_set1_pd(c.gain)};
+}
+
+// Eight values of one channel (32-bit integers, or float bits) in the channel's arithmetic.
+// Unshifted: every shift is zero, which leaves an integer unchanged (no integer is -0), so the
+// subtraction can go.
+template <int Mode, bool Calibrated, bool Floats = false, bool Shifted = true>
+FILELIB_AVX2 __m256 Convert8(__m256i v, const WideLanes& k)
+{
+    __m256 f;
+    if constexpr (Mode == kExact && Floats) {
+        const __m256 x = _mm256_castsi256_ps(v);
+        const __m256d lo = _mm256_cvtps_pd(_mm256_castps256_ps128(x));
+        const __m256d hi = _mm256_cvtps_pd(_mm256_extractf128_ps(x, 1));
+        f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(lo, k.shift), k.gain))),
+                                 _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(hi, k.shift), k.gain)), 1);
+    } else if constexpr (Mode == kExact) {
+        const __m256d lo = _mm256_cvtepi32_pd(_mm256_castsi256_si128(v));
+        const __m256d hi = _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1));
+        f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_mul_pd(Shifted ? _mm256_add_pd(lo, k.shift) : lo, k.gain))),
+                                 _mm256_cvtpd_ps(_mm256_mul_pd(Shifted ? _mm256_add_pd(hi, k.shift) : hi, k.gain)), 1);
+    } else {
+        const __m256 x = Floats ? _mm256_castsi256_ps(v) : _mm256_cvtepi32_ps(v);
+        f = _mm256_mul_ps(Shifted ? _mm256_sub_ps(x, k.shiftF) : x, k.gainF);
+    }
+    if constexpr (Calibrated)
+        f = _mm256_add_ps(_mm256_mul_ps(f, k.calFactor), k.calOffset);
+    return f;
+}
+
+bool WideBlocks()
+{
+    static const bool has = __builtin_cpu_supports("avx2");
+    return has;
+}
+
+FILELIB_AVX2 __m128i Bytes16(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+FILELIB_AVX2 __m256i Bytes32(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+
+// Eight stored values from p as 32-bit lanes (float bits for floats). A 3-byte load takes 32
+// bytes for its 24, so its caller leaves 8 bytes behind the last value it loads.
+template <typename Decode>
+FILELIB_AVX2 __m256i Load8(const uint8_t* p)
+{
+    using D = Decode;
+    const __m128i swap16 = _mm_setr_epi8(1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14);
+    const __m256i swap32 = _mm256_setr_epi8(3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12,
+                                            3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12);
+    if constexpr (std::is_same_v<D, Decoder<1, int32_t, I8>>)
+        return _mm256_cvtepi8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    else if constexpr (std::is_same_v<D, Decoder<1, int32_t, U8>>)
+        return _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    else if constexpr (std::is_same_v<D, Decoder<2, int32_t, I16LE>>)
+        return _mm256_cvtepi16_epi32(Bytes16(p));
+    else if constexpr (std::is_same_v<D, Decoder<2, int32_t, I16BE>>)
+        return _mm256_cvtepi16_epi32(_mm_shuffle_epi8(Bytes16(p), swap16));
+    else if constexpr (std::is_same_v<D, Decoder<2, int32_t, U16LE>>)
+        return _mm256_cvtepu16_epi32(Bytes16(p));
+    else if constexpr (std::is_same_v<D, Decoder<2, int32_t, U16BE>>)
+        return _mm256_cvtepu16_epi32(_mm_shuffle_epi8(Bytes16(p), swap16));
+    else if constexpr (D::kWidth == 3) {
+        // Values 0-3 in the low half, 4-7 in the high one, each to the top three bytes of its lane.
+        constexpr bool le = std::is_same_v<D, Decoder<3, int32_t, I24LE>>;
+        const __m256i spread = _mm256_permutevar8x32_epi32(Bytes32(p), _mm256_setr_epi32(0, 1, 2, 3, 2, 3, 4, 5));
+        const __m256i order = le ? _mm256_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11,
+                                                    -1, 4, 5, 6, -1, 7, 8, 9, -1, 10, 11, 12, -1, 13, 14, 15)
+                                 : _mm256_setr_epi8(-1, 2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9,
+                                                    -1, 6, 5, 4, -1, 9, 8, 7, -1, 12, 11, 10, -1, 15, 14, 13);
+        return _mm256_srai_epi32(_mm256_shuffle_epi8(spread, order), 8);
+    } else if constexpr (std::is_same_v<D, Decoder<4, int32_t, I32LE>> ||
+                         std::is_same_v<D, Decoder<4, float, FromBits<float, uint32_t, LoadU32LE>>>)
+        return Bytes32(p);
+    else
+        return _mm256_shuffle_epi8(Bytes32(p), swap32);
+}
+
+template <int Mode, bool Calibrated, typename Decode, bool Shifted>
+FILELIB_AVX2 void ConvertGroups(const WideLanes& k, const uint8_t* p, float* out, long long groups)
+{
+    constexpr bool floats = std::is_same_v<typename Decode::Raw, float>;
+    for (long long g = 0; g < groups; ++g)
+        _mm256_storeu_ps(out + 8 * g, Convert8<Mode, Calibrated, floats, Shifted>(Load8<Decode>(p + 8 * g * Decode::kWidth), k));
+}
+
+// A contiguous run of n values: the whole groups of eight it converts, the rest left to the caller.
+// Integers with no shift leave it out (floats keep it: -0 + 0 is +0, and x - 0 quiets a signalling NaN).
+template <int Mode, bool Calibrated, typename Decode>
+FILELIB_AVX2 long long ConvertRunWide(const Conversion& conv, const uint8_t* p, float* out, long long n)
+{
+    const WideLanes k = WideLanesOf(conv);
+    const long long groups = Decode::kWidth == 3 ? (n - 3) / 8 : n / 8;  // 3 values' bytes behind the last load
+    if (std::is_same_v<typename Decode::Raw, float> || conv.shift != 0 || conv.shiftF != 0)
+        ConvertGroups<Mode, Calibrated, Decode, true>(k, p, out, groups);
+    else
+        ConvertGroups<Mode, Calibrated, Decode, false>(k, p, out, groups);
+    return std::max(0LL, groups) * 8;
+}
+
+// Whether ConvertRunWide handles the sample type and arithmetic.
+template <int Mode, typename Decode>
+constexpr bool kWideRun = (Mode == kExact || Mode == kSingle) && Decode::kWidth <= 4;
+#else
+bool WideBlocks() { return false; }
+template <int Mode, typename Decode>
+constexpr bool kWideRun = false;
+template <int Mode, bool Calibrated, typename Decode>
+long long ConvertRunWide(const Conversion&, const uint8_t*, float*, long long) { return 0; }
+#endif
+
 // One channel's run of samples [t0, t1) into out[0 .. t1 - t0): held channels (samples > 0) look up the
 // sample each slice shows; the arithmetic is fixed outside the loop, which has no branch.
 // `base` holds the segment's bytes from `lo` on: sample k of the channel is at
@@ -123,7 +251,10 @@ void ConvertRun(Decode decode, const Conversion& conv, const ecChannelLayout& ch
     const uint8_t* p = base + (ch.offset + t0 * ch.stride - lo);
     const long long n = t1 - t0;
     if (ch.stride == Decode::kWidth) {  // one contiguous run: a stride the compiler knows
-        for (long long i = 0; i < n; ++i)
+        long long i = 0;
+        if constexpr (kWideRun<Mode, Decode>)
+            i = WideBlocks() ? ConvertRunWide<Mode, Calibrated, Decode>(conv, p, out, n) : 0;
+        for (; i < n; ++i)
             out[i] = conv.Apply<Mode, Calibrated>(decode, p + i * Decode::kWidth);
         return;
     }
@@ -218,10 +349,26 @@ long long ecSampleEngine::SegmentStart(long long segment) const
     return start + m_layout.segmentHeader;
 }
 
-bool ecSampleEngine::ReadSpan(FILE* fp, long long from, long long bytes)
+// The bytes read, in one call at the offset that bypasses the stream's buffer: a seek and a
+// buffered read would cost two calls more, one of them for bytes nobody asked for. The buffer
+// only grows (a resize would clear bytes that are about to be read).
+long long ecSampleEngine::ReadSpan(FILE* fp, long long from, long long bytes)
 {
-    m_buffer.resize(static_cast<size_t>(bytes));
-    return ReadAt(fp, from, m_buffer.data(), m_buffer.size()) == m_buffer.size();
+    if (m_buffer.size() < static_cast<size_t>(bytes))
+        m_buffer.resize(static_cast<size_t>(bytes));
+    const int fd = fileno(fp);
+    if (fd < 0)  // a stream with no file under it
+        return static_cast<long long>(ReadAt(fp, from, m_buffer.data(), static_cast<size_t>(bytes)));
+    long long got = 0;
+    while (got < bytes) {
+        const ssize_t n = pread(fd, m_buffer.data() + got, static_cast<size_t>(bytes - got), static_cast<off_t>(from + got));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        got += n;
+    }
+    return got;
 }
 
 namespace {
@@ -295,8 +442,9 @@ struct Lanes {
     }
 };
 
-// Four values of one channel (32-bit integers, or float bits) in the channel's arithmetic.
-template <int Mode, bool Calibrated, bool Floats>
+// Four values of one channel (32-bit integers, or float bits) in the channel's arithmetic;
+// unshifted as Convert8.
+template <int Mode, bool Calibrated, bool Floats, bool Shifted = true>
 __m128 Convert4(__m128i v, const Lanes& k)
 {
     __m128 f;
@@ -310,11 +458,11 @@ __m128 Convert4(__m128i v, const Lanes& k)
             lo = _mm_cvtepi32_pd(v);
             hi = _mm_cvtepi32_pd(_mm_shuffle_epi32(v, 0xEE));
         }
-        f = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(lo, k.shift), k.gain)),
-                          _mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(hi, k.shift), k.gain)));
+        f = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(Shifted ? _mm_add_pd(lo, k.shift) : lo, k.gain)),
+                          _mm_cvtpd_ps(_mm_mul_pd(Shifted ? _mm_add_pd(hi, k.shift) : hi, k.gain)));
     } else {
         const __m128 x = Floats ? _mm_castsi128_ps(v) : _mm_cvtepi32_ps(v);
-        f = _mm_mul_ps(_mm_sub_ps(x, k.shiftF), k.gainF);
+        f = _mm_mul_ps(Shifted ? _mm_sub_ps(x, k.shiftF) : x, k.gainF);
     }
     if constexpr (Calibrated)
         f = _mm_add_ps(_mm_mul_ps(f, k.calFactor), k.calOffset);
@@ -358,7 +506,7 @@ void Block16(const uint8_t* p, long long stride, long long groups, const Convers
     }
 }
 
-template <bool BigEndian, bool Floats, int Mode, bool Calibrated>
+template <bool BigEndian, bool Floats, int Mode, bool Calibrated, bool Shifted>
 void Block32(const uint8_t* p, long long stride, long long groups, const Conversion* conv, float* const* out)
 {
     const Lanes k[4] = {Lanes(conv[0]), Lanes(conv[1]), Lanes(conv[2]), Lanes(conv[3])};
@@ -368,47 +516,21 @@ void Block32(const uint8_t* p, long long stride, long long groups, const Convers
             r[s] = _mm_castsi128_ps(Swap32<BigEndian>(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + s * stride))));
         _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
         for (int j = 0; j < 4; ++j)
-            _mm_storeu_ps(out[j] + 4 * g, Convert4<Mode, Calibrated, Floats>(_mm_castps_si128(r[j]), k[j]));
+            _mm_storeu_ps(out[j] + 4 * g, Convert4<Mode, Calibrated, Floats, Shifted>(_mm_castps_si128(r[j]), k[j]));
     }
 }
 
 #if defined(__GNUC__) && defined(__x86_64__)
 // With 256-bit registers holding slice s in their low half and slice s + 4 in their high half, the
 // same two unpack stages leave one channel's eight slices in one register, stored in one go: half
-// the shuffles of the 128-bit blocks, which shuffles bound. Chosen at run time, where the
-// processor has them (no fused multiply-add: the arithmetic stays the scalar one).
-#define FILELIB_AVX2 __attribute__((target("avx2")))
-
-struct WideLanes {
-    __m256 shiftF, gainF, calFactor, calOffset;
-    __m256d shift, gain;
-};
-
-template <int Mode, bool Calibrated>
-FILELIB_AVX2 __m256 Convert8(__m256i v, const WideLanes& k)
-{
-    __m256 f;
-    if constexpr (Mode == kExact) {
-        const __m256d lo = _mm256_cvtepi32_pd(_mm256_castsi256_si128(v));
-        const __m256d hi = _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1));
-        f = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(lo, k.shift), k.gain))),
-                                 _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_add_pd(hi, k.shift), k.gain)), 1);
-    } else {
-        f = _mm256_mul_ps(_mm256_sub_ps(_mm256_cvtepi32_ps(v), k.shiftF), k.gainF);
-    }
-    if constexpr (Calibrated)
-        f = _mm256_add_ps(_mm256_mul_ps(f, k.calFactor), k.calOffset);
-    return f;
-}
-
-template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
+// the shuffles of the 128-bit blocks, which shuffles bound.
+template <bool BigEndian, bool Signed, int Mode, bool Calibrated, bool Shifted>
 FILELIB_AVX2 void Block16Wide(const uint8_t* p, long long stride, long long groups, const Conversion* conv,
                               float* const* out)
 {
     WideLanes k[8];
     for (int j = 0; j < 8; ++j)
-        k[j] = {_mm256_set1_ps(conv[j].shiftF),    _mm256_set1_ps(conv[j].gainF), _mm256_set1_ps(conv[j].calFactor),
-                _mm256_set1_ps(conv[j].calOffset), _mm256_set1_pd(conv[j].shift), _mm256_set1_pd(conv[j].gain)};
+        k[j] = WideLanesOf(conv[j]);
     for (long long g = 0; g < groups; ++g, p += 8 * stride) {
         __m256i r[4];
         for (int s = 0; s < 4; ++s) {
@@ -429,30 +551,35 @@ FILELIB_AVX2 void Block16Wide(const uint8_t* p, long long stride, long long grou
                                         : _mm256_unpacklo_epi16(q, _mm256_setzero_si256());
             const __m256i odd = Signed ? _mm256_srai_epi32(_mm256_unpackhi_epi16(q, q), 16)
                                        : _mm256_unpackhi_epi16(q, _mm256_setzero_si256());
-            _mm256_storeu_ps(out[2 * j] + 8 * g, Convert8<Mode, Calibrated>(even, k[2 * j]));
-            _mm256_storeu_ps(out[2 * j + 1] + 8 * g, Convert8<Mode, Calibrated>(odd, k[2 * j + 1]));
+            _mm256_storeu_ps(out[2 * j] + 8 * g, Convert8<Mode, Calibrated, false, Shifted>(even, k[2 * j]));
+            _mm256_storeu_ps(out[2 * j + 1] + 8 * g, Convert8<Mode, Calibrated, false, Shifted>(odd, k[2 * j + 1]));
         }
     }
 }
 
-bool WideBlocks()
-{
-    static const bool has = __builtin_cpu_supports("avx2");
-    return has;
-}
-
 template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
-Block Block16For()
+Block Block16For(bool shifted)
 {
-    return WideBlocks() ? Block16Wide<BigEndian, Signed, Mode, Calibrated> : Block16<BigEndian, Signed, Mode, Calibrated>;
+    if (!WideBlocks())
+        return Block16<BigEndian, Signed, Mode, Calibrated>;
+    return shifted ? Block16Wide<BigEndian, Signed, Mode, Calibrated, true> : Block16Wide<BigEndian, Signed, Mode, Calibrated, false>;
 }
 #else
 template <bool BigEndian, bool Signed, int Mode, bool Calibrated>
-Block Block16For()
+Block Block16For(bool)
 {
     return Block16<BigEndian, Signed, Mode, Calibrated>;
 }
 #endif
+
+// Floats keep their shift whatever it is (see Convert8).
+template <bool BigEndian, bool Floats, int Mode, bool Calibrated>
+Block Block32For(bool shifted)
+{
+    if (Floats || shifted)
+        return Block32<BigEndian, Floats, Mode, Calibrated, true>;
+    return Block32<BigEndian, Floats, Mode, Calibrated, Floats>;
+}
 
 struct Mover {
     Block block = nullptr;
@@ -460,21 +587,24 @@ struct Mover {
 };
 
 template <int Mode, bool Calibrated>
-Mover MoverIn(ecSampleType type, bool bigEndian)
+Mover MoverIn(ecSampleType type, bool bigEndian, bool shifted)
 {
     switch (type) {
     case ecSampleType::Int16:
-        return {bigEndian ? Block16For<true, true, Mode, Calibrated>() : Block16For<false, true, Mode, Calibrated>(), 8, 8};
+        return {bigEndian ? Block16For<true, true, Mode, Calibrated>(shifted) : Block16For<false, true, Mode, Calibrated>(shifted), 8, 8};
     case ecSampleType::UInt16:
-        return {bigEndian ? Block16For<true, false, Mode, Calibrated>() : Block16For<false, false, Mode, Calibrated>(), 8, 8};
+        return {bigEndian ? Block16For<true, false, Mode, Calibrated>(shifted) : Block16For<false, false, Mode, Calibrated>(shifted),
+                8, 8};
     case ecSampleType::Int32:
-        return {bigEndian ? Block32<true, false, Mode, Calibrated> : Block32<false, false, Mode, Calibrated>, 4, 4};
+        return {bigEndian ? Block32For<true, false, Mode, Calibrated>(shifted) : Block32For<false, false, Mode, Calibrated>(shifted),
+                4, 4};
     case ecSampleType::Float32:
-        return {bigEndian ? Block32<true, true, Mode, Calibrated> : Block32<false, true, Mode, Calibrated>, 4, 4};
+        return {bigEndian ? Block32For<true, true, Mode, Calibrated>(shifted) : Block32For<false, true, Mode, Calibrated>(shifted),
+                4, 4};
     case ecSampleType::Int8:
     case ecSampleType::UInt8:
     case ecSampleType::Int24:  // widened to native 32-bit integers first
-        return {Block32<false, false, Mode, Calibrated>, 4, 4};
+        return {Block32For<false, false, Mode, Calibrated>(shifted), 4, 4};
     default:
         return {};
     }
@@ -484,13 +614,16 @@ Mover MoverIn(ecSampleType type, bool bigEndian)
 Mover MoverFor(ecSampleType type, bool bigEndian, const Conversion* conv, size_t channels, bool calibrated)
 {
     const int mode = conv[0].mode;
-    for (size_t c = 1; c < channels; ++c)
+    bool shifted = false;
+    for (size_t c = 0; c < channels; ++c) {
         if (conv[c].mode != mode)
             return {};
+        shifted = shifted || conv[c].shift != 0 || conv[c].shiftF != 0;
+    }
     if (mode == kExact)
-        return calibrated ? MoverIn<kExact, true>(type, bigEndian) : MoverIn<kExact, false>(type, bigEndian);
+        return calibrated ? MoverIn<kExact, true>(type, bigEndian, shifted) : MoverIn<kExact, false>(type, bigEndian, shifted);
     if (mode == kSingle)
-        return calibrated ? MoverIn<kSingle, true>(type, bigEndian) : MoverIn<kSingle, false>(type, bigEndian);
+        return calibrated ? MoverIn<kSingle, true>(type, bigEndian, shifted) : MoverIn<kSingle, false>(type, bigEndian, shifted);
     return {};
 }
 
@@ -588,10 +721,13 @@ void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long l
     // A channel stored as one run converts in one go; interleaved ones go tile by tile, so that
     // a tile's bytes stay in the first-level cache while every row is written in order.
     auto contiguous = [&](const ecChannelLayout& ch) { return ch.samples == 0 && ch.stride == Decode::kWidth; };
-    for (size_t c = 0; c < chans.size(); ++c)
+    bool interleaved = false;
+    for (size_t c = 0; c < chans.size(); ++c) {
         if (target.rows[c] && contiguous(chans[c]))
             convert(c, a, b);
-    for (long long t0 = a; t0 < b; t0 += kTileSlices)
+        interleaved = interleaved || (target.rows[c] && !contiguous(chans[c]));
+    }
+    for (long long t0 = a; interleaved && t0 < b; t0 += kTileSlices)
         for (size_t c = 0; c < chans.size(); ++c)
             if (target.rows[c] && !contiguous(chans[c]))
                 convert(c, t0, std::min(b, t0 + kTileSlices));
@@ -600,6 +736,30 @@ void ecSampleEngine::ConvertWith(Decode decode, const uint8_t* base, long long l
 void ecSampleEngine::Convert(const uint8_t* base, long long lo, const Target& target, long long a, long long b)
 {
     WithDecoder(m_layout.type, m_layout.bigEndian, [&](auto decode) { ConvertWith(decode, base, lo, target, a, b); });
+}
+
+// Appends to the pieces the segments that follow the last one, as long as their bytes follow
+// within a few kilobytes and one block holds them all: small segments (records of some
+// kilobytes) then cost one read together rather than a call each. Returns the end of their bytes.
+long long ecSampleEngine::Gather(long long first, long long count, long long to)
+{
+    const long long segmentSlices = SegmentSlices();
+    const size_t channels = m_layout.channels.size();
+    const long long segments = m_layout.segmentTable.empty() ? -1 : static_cast<long long>(m_layout.segmentTable.size());
+    for (long long column = m_pieces.back().column + (m_pieces.back().b - m_pieces.back().a); column < count;) {
+        const Place place = Locate(first + column);
+        if (place.slice >= place.stored || (segments >= 0 && place.segment >= segments))
+            break;
+        const long long b = std::min(place.stored, place.slice + count - column);
+        const auto [lo, hi] = Span(m_layout, segmentSlices, place.slice, b, 0, channels);
+        const long long start = SegmentStart(place.segment);
+        if (start + lo < to || start + lo - to > kGapBytes || start + hi - m_pieces.front().from > kBlockBytes)
+            break;
+        m_pieces.push_back({start + lo, start + hi, lo, place.slice, b, column});
+        to = start + hi;
+        column += b - place.slice;
+    }
+    return to;
 }
 
 ecSampleEngine::Place ecSampleEngine::Locate(long long slice) const
@@ -661,26 +821,33 @@ long long ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, lo
             span = Span(m_layout, segmentSlices, a, b, 0, channels);
         }
         if (span.second - span.first <= kBlockBytes) {
-            if (!ReadSpan(fp, start + span.first, span.second - span.first))
-                return done;
-            Convert(m_buffer.data(), span.first, {rows, done, calFactors, calOffsets}, a, b);
-        } else {
-            b = std::min(inSegment, a + count - done);
-            for (size_t c = 0; c < channels; ++c) {
-                if (!rows[c])
-                    continue;
-                // A block of this channel's samples, however far apart they lie.
-                const long long perBlock =
-                    std::max<long long>(1, kBlockBytes / std::max<long long>(width, m_layout.channels[c].stride));
-                std::fill(one.begin(), one.end(), nullptr);
-                one[c] = rows[c];
-                for (long long s = a; s < b; s += perBlock) {
-                    const long long e = std::min(b, s + perBlock);
-                    const auto [from, to] = Span(m_layout, segmentSlices, s, e, c, c + 1);
-                    if (!ReadSpan(fp, start + from, to - from))
-                        return done;
-                    Convert(m_buffer.data(), from, {one.data(), done + (s - a), calFactors, calOffsets}, s, e);
-                }
+            m_pieces.assign(1, {start + span.first, start + span.second, span.first, a, b, done});
+            const long long from = start + span.first, to = Gather(first, count, start + span.second);
+            const long long got = ReadSpan(fp, from, to - from);
+            for (const Piece& piece : m_pieces) {
+                if (piece.to - from > got)
+                    return done;
+                Convert(m_buffer.data() + (piece.from - from), piece.lo, {rows, piece.column, calFactors, calOffsets},
+                        piece.a, piece.b);
+                done = piece.column + (piece.b - piece.a);
+            }
+            continue;
+        }
+        b = std::min(inSegment, a + count - done);
+        for (size_t c = 0; c < channels; ++c) {
+            if (!rows[c])
+                continue;
+            // A block of this channel's samples, however far apart they lie.
+            const long long perBlock =
+                std::max<long long>(1, kBlockBytes / std::max<long long>(width, m_layout.channels[c].stride));
+            std::fill(one.begin(), one.end(), nullptr);
+            one[c] = rows[c];
+            for (long long s = a; s < b; s += perBlock) {
+                const long long e = std::min(b, s + perBlock);
+                const auto [from, to] = Span(m_layout, segmentSlices, s, e, c, c + 1);
+                if (ReadSpan(fp, start + from, to - from) != to - from)
+                    return done;
+                Convert(m_buffer.data(), from, {one.data(), done + (s - a), calFactors, calOffsets}, s, e);
             }
         }
         done += b - a;

@@ -94,7 +94,13 @@ private:
     Place Locate(long long slice) const;
     long long SegmentStart(long long segment) const;
     long long SegmentSlices() const;
-    bool ReadSpan(FILE* fp, long long from, long long bytes);
+    long long ReadSpan(FILE* fp, long long from, long long bytes);
+    // Slices [a, b) of one segment, whose bytes [from, to) of the file go to column `column`.
+    struct Piece {
+        long long from, to, lo;  // lo: where `from` lies in the segment
+        long long a, b, column;
+    };
+    long long Gather(long long first, long long count, long long to);
     struct Target {
         float* const* rows;
         long long done;  // column of slice a in the rows
@@ -107,5 +113,6 @@ private:
                      long long b);
     ecDataLayout m_layout;
     std::vector<uint8_t> m_buffer;
+    std::vector<Piece> m_pieces;  // the segments one read serves
     std::vector<int32_t> m_widened;  // one tile of 1- and 3-byte samples as 32-bit integers
 };
