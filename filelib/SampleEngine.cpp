@@ -793,11 +793,11 @@ long long ecSampleEngine::Read(FILE* fp, float* const* rows, long long first, lo
     long long done = 0;
     while (done < count) {
         const auto [segment, a, inSegment, extent] = Locate(first + done);
-        if (a >= inSegment) {  // a gap between segments reads as zeros
+        if (a >= inSegment) {  // a gap between segments reads as zeros, calibrated like any value
             const long long gap = std::min(extent - a, count - done);
             for (size_t c = 0; c < channels; ++c)
                 if (rows[c])
-                    std::fill(rows[c] + done, rows[c] + done + gap, 0.0f);
+                    std::fill(rows[c] + done, rows[c] + done + gap, calOffsets ? calOffsets[c] : 0.0f);
             done += gap;
             continue;
         }

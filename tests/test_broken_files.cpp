@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <set>
 
 #include "filelib/ReaderTable.h"
 #include "filelib/filelib.h"
@@ -62,6 +63,39 @@ TEST(BrokenFiles, EventsOfAFiffFileWithALongSkip)
     EXPECT_EQ(events.GetEvent(0).GetEventCode(), 3);
 }
 
+namespace {
+// A calibrated read gives raw x factor + offset on each channel's own row, whichever path of the
+// reader applies it (the engine's conversion pass, one engine per channel, the facade's fallback).
+void ExpectCalibrationOnEveryRow(const std::string& path)
+{
+    CFilelib f;
+    OpenRecording(f, path);
+    const int chans = f.GetNumChans(), n = std::min(f.GetNumSlices(), 16);
+    ecLabeledMatrix<float> raw, calibrated;
+    ASSERT_EQ(f.ReadData(raw, 0, n), n);
+    std::vector<std::string> labels(static_cast<size_t>(chans));
+    std::vector<float> factors, offsets;
+    for (int c = 0; c < chans; ++c) {
+        f.GetChanName(c, labels[static_cast<size_t>(c)]);
+        factors.push_back(2.0f + static_cast<float>(c));
+        offsets.push_back(-0.5f * static_cast<float>(c));
+    }
+    if (std::set<std::string>(labels.begin(), labels.end()).size() != labels.size())
+        return;  // factors are matched by label
+    ecCalibration& record = f.GetActiveFile()->GetCalibration();
+    record.SetLabels(labels);
+    record.SetFactors(factors);
+    record.SetOffsets(offsets);
+    record.SetDerived(true);
+    f.GetActiveFile()->ResolveCalibration();
+    ASSERT_EQ(f.ReadData(calibrated, 0, n), n);
+    for (long r = 0; r < raw.nrow(); ++r)
+        for (long s = 0; s < n; ++s)
+            EXPECT_FLOAT_EQ(calibrated[r][s], raw[r][s] * factors[static_cast<size_t>(r)] + offsets[static_cast<size_t>(r)])
+                << labels[static_cast<size_t>(r)] << " slice " << s;
+}
+}  // namespace
+
 // The fuzz seeds of every reader are recordings of its format, split into the files the row names:
 // a seed that no longer opens would leave its fuzz target starting from noise.
 TEST(ReaderCases, SeedsOpenAsTheirFormat)
@@ -81,6 +115,7 @@ TEST(ReaderCases, SeedsOpenAsTheirFormat)
             const int detected = f.GuessFileMFR(opened);
             EXPECT_EQ(detected ? detected : UnprobedReaderByExtension(opened), row.code);
             EXPECT_EQ(ExerciseRecording(opened), "");
+            ExpectCalibrationOnEveryRow(opened);
             ++seeds;
         }
     }
