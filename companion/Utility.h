@@ -26,6 +26,9 @@ std::string IsoDate(long long year, const std::string& month, long long day);
 // "hh:mm:ss" of a time of day ("hh:mm:ss.ffffff" when the seconds have a fraction); empty when
 // the pieces make no time of day.
 std::string ClockTime(long long hour, long long minute, double second);
+// A channel's filter settings as "HP:0.1Hz LP:70Hz N:50Hz"; a cut-off that is not positive (or not
+// finite) is left out, and none at all gives "".
+std::string FilterText(double highPass, double lowPass, double notch = 0);
 // Upper-cases ASCII letters in place; returns the length.
 int ToUpper(std::string& s);
 // caseSensitive false compares ASCII letters without regard to case.
