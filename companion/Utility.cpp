@@ -10,6 +10,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <utility>
 
 int SplitFields(std::string& line, std::vector<std::string>& fields, const std::string& separators)
@@ -81,6 +82,18 @@ std::string ClockTime(long long hour, long long minute, double second)
     else
         std::snprintf(text, sizeof text, "%02lld:%02lld:%09.6f", hour, minute, second);
     return text;
+}
+
+std::pair<std::string, std::string> UtcDateAndTime(long long seconds)
+{
+    const std::time_t t = static_cast<std::time_t>(seconds);
+    std::tm tm{};
+    char date[32] = "", time[32] = "";
+    if (gmtime_r(&t, &tm)) {
+        std::strftime(date, sizeof date, "%Y-%m-%d", &tm);
+        std::strftime(time, sizeof time, "%H:%M:%S", &tm);
+    }
+    return {date, time};
 }
 
 std::string FilterText(double highPass, double lowPass, double notch)
