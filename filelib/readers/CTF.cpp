@@ -143,6 +143,7 @@ CTF::Res4 CTF::ReadRes4()
     if (!read)
         Fail("Cannot read " + path);
     Res4 r;
+    m_recordingInfo = {};
     ByteCursor h(bytes.data(), bytes.size());
     int descriptionBytes = 0;
     size_t records = 0;

@@ -205,21 +205,21 @@ void FourD::ReadPdfHeader(FILE* fp, long long header, long long fileSize)
 
 // The processing history after the channel and event records. Its first entry is the file's
 // creation, stamped in seconds since 1970 (UTC): the recording's start. Hardware-filter steps give
-// the cut-offs every channel was recorded with.
+// the cut-offs every channel was recorded with. No sample depends on the history, so one that runs
+// past the header does not refuse the recording: it states no filter (a later step may be lost).
 void FourD::ReadProcesses(const ByteCursor& h, long long at, long long processes)
 {
-    const std::string name = GetInputFileName();
     m_recordingInfo = {};
+    const auto fits = [&](long long bytes) { return at + bytes <= static_cast<long long>(h.size()); };
     double cutOff[3] = {};  // high pass, low pass, notch
-    for (long long p = 0; p < processes; ++p) {
-        Require(h.size(), at + kProcessBytes, name);
+    bool whole = true;
+    for (long long p = 0; p < processes && (whole = fits(kProcessBytes)); ++p) {
         const int32_t stamp = h.i32be(static_cast<size_t>(at) + 60);
         if (p == 0 && stamp > 0)
             std::tie(m_recordingInfo.date, m_recordingInfo.time) = UtcDateAndTime(stamp);
         const long long steps = h.i32be(static_cast<size_t>(at) + 320);
         at += kProcessBytes;
-        for (long long s = 0; s < steps; ++s) {
-            Require(h.size(), at + kStepBytes, name);
+        for (long long s = 0; s < steps && (whole = fits(kStepBytes)); ++s) {
             const size_t r = static_cast<size_t>(at);
             const std::string type = h.str(r + 4, 20);
             const float first = h.f32be(r + 28);
@@ -231,7 +231,7 @@ void FourD::ReadProcesses(const ByteCursor& h, long long at, long long processes
         }
     }
     const std::string filter = FilterText(cutOff[0], cutOff[1], cutOff[2]);
-    if (!filter.empty())
+    if (whole && !filter.empty())
         m_recordingInfo.channelFilters.assign(m_channels.size(), filter);
 }
 
