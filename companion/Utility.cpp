@@ -10,6 +10,8 @@
 #include <cctype>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
+#include <utility>
 
 int SplitFields(std::string& line, std::vector<std::string>& fields, const std::string& separators)
 {
@@ -79,6 +81,32 @@ std::string ClockTime(long long hour, long long minute, double second)
         std::snprintf(text, sizeof text, "%02lld:%02lld:%02d", hour, minute, static_cast<int>(second));
     else
         std::snprintf(text, sizeof text, "%02lld:%02lld:%09.6f", hour, minute, second);
+    return text;
+}
+
+std::pair<std::string, std::string> UtcDateAndTime(long long seconds)
+{
+    const std::time_t t = static_cast<std::time_t>(seconds);
+    std::tm tm{};
+    char date[32] = "", time[32] = "";
+    if (gmtime_r(&t, &tm)) {
+        std::strftime(date, sizeof date, "%Y-%m-%d", &tm);
+        std::strftime(time, sizeof time, "%H:%M:%S", &tm);
+    }
+    return {date, time};
+}
+
+std::string FilterText(double highPass, double lowPass, double notch)
+{
+    std::string text;
+    const std::pair<const char*, double> parts[] = {{"HP:", highPass}, {"LP:", lowPass}, {"N:", notch}};
+    for (const auto& [label, hertz] : parts) {
+        if (!(hertz > 0 && std::isfinite(hertz)))
+            continue;
+        char value[32];
+        std::snprintf(value, sizeof value, "%gHz", hertz);
+        text += (text.empty() ? "" : " ") + std::string(label) + value;
+    }
     return text;
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 // Splits a line at any of the separator characters; empty fields between adjacent separators
@@ -26,6 +27,12 @@ std::string IsoDate(long long year, const std::string& month, long long day);
 // "hh:mm:ss" of a time of day ("hh:mm:ss.ffffff" when the seconds have a fraction); empty when
 // the pieces make no time of day.
 std::string ClockTime(long long hour, long long minute, double second);
+// "YYYY-MM-DD" and "hh:mm:ss" of a time in seconds since 1970 (UTC); both empty when the time
+// has no calendar date.
+std::pair<std::string, std::string> UtcDateAndTime(long long seconds);
+// A channel's filter settings as "HP:0.1Hz LP:70Hz N:50Hz"; a cut-off that is not positive (or not
+// finite) is left out, and none at all gives "".
+std::string FilterText(double highPass, double lowPass, double notch = 0);
 // Upper-cases ASCII letters in place; returns the length.
 int ToUpper(std::string& s);
 // caseSensitive false compares ASCII letters without regard to case.

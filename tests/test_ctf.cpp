@@ -39,6 +39,7 @@ TEST(CTF, TrialsOverTwoDataFilesWithMarkersBadChannelAndBadSegment)
         EXPECT_EQ(m[2][t], clock[t] * 0.25f);
     }
     EXPECT_EQ(EventsOf(f), "stim@1#1/2 bad@2..3/1 5@6#5/2 New Segment@8 stim@8#1/2");
+    EXPECT_EQ(f.GetRecordingInfo().channelFilters, std::vector<std::string>(3, "LP:40Hz"));
 }
 
 TEST(CTF, TrialsThatFollowOnTheClockAreOneContinuousEpoch)
@@ -62,4 +63,5 @@ TEST(CTF, RealDatasetKeepsItsTwoDiscontinuousTrials)
     EXPECT_EQ(f.GetEpochSlices(), 1201);
     EXPECT_EQ(ChannelsOf(f, {1, 3, 4, 40, 305}),
               "UPPT001//32768 SCLK01-177//0 BG1-4304/T/4608 MLC22-4304/T/512 EEG057/V/1024");
+    EXPECT_EQ(f.GetRecordingInfo().subjectId, "Anonymized4977_1448272137_0");
 }

@@ -123,6 +123,7 @@ TEST(WinDaq, NormalAndHiResSamplesAndTrailerMarkers)
                 EXPECT_FLOAT_EQ(o.m[c][t], c ? 2 * reading - 1 : 0.5 * reading + 10);
             }
         EXPECT_EQ(EventsOf(o.f), "stop@2#1/2 Marker@1#2/2");
+        EXPECT_EQ(o.f.GetRecordingInfo().date + " " + o.f.GetRecordingInfo().time, "1990-08-10 15:45:35");
     }
     WinDaqFile(false, {{"A", "V"}}, {{1}}, 0.01, {5}).write(dir.path("bad.wdq"));
     EXPECT_EQ(Message([&] { Opened(dir.path("bad.wdq"), 18, false); }),

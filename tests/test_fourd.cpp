@@ -6,7 +6,9 @@
 #include "filelib/readers/FourD.h"
 #include "fixtures/Describe.h"
 #include "fixtures/Errors.h"
+#include "fixtures/Exercise.h"
 #include "fixtures/FourDFiles.h"
+#include "fixtures/SharedData.h"
 
 TEST(FourD, EachDataFormatAndEpochLayout)
 {
@@ -39,4 +41,14 @@ TEST(FourD, EachDataFormatAndEpochLayout)
         EXPECT_EQ(EventsOf(r), row.boundary + std::string("32769@1#32769/2 7@3#7/2"));
         EXPECT_EQ(CFilelib().GuessFileMFR(config), 0);  // a configuration is no pdf
     }
+}
+
+// The real pdf's start is its creation stamp (UTC), its filter the hardware high pass it records.
+TEST(FourD, RealRecordingStartAndFilter)
+{
+    SHARED_DATA_OR_SKIP(data, "bti/linux");
+    CFilelib f;
+    ASSERT_EQ(OpenRecording(f, data + "test_pdf_linux"), kMfr4D);
+    const ecRecordingInfo& r = f.GetRecordingInfo();
+    EXPECT_EQ(r.date + " " + r.time + " " + r.channelFilters.at(279), "2012-09-23 11:51:38 HP:0.1Hz");
 }

@@ -27,8 +27,14 @@ TEST(Mff, PausedRecordingWithPnsOnTheStoredTimeline)
     spec.epochBegins = {0, 5000000};
     spec.events = {{4000, "SESS", "go"}, {1000000, "bgin", ""}, {5000000, "SESS", ""}, {9000000, "late", ""}};
     WriteMff(dir.path("r"), spec);
+    Bytes().raw("<patient><fields><field><name>Patient ID</name><data>p7</data></field>"
+                "<field><name>Gender</name><data>Female</data></field><field><name>Date of Birth</name>"
+                "<data>1990-02-03T00:00:00</data></field><field><name>First (Given) Name</name><data>Ann</data>"
+                "</field></fields></patient>").write(dir.path("r.mff/subject.xml"));
     CFilelib f;
     ASSERT_EQ(OpenRecording(f, dir.path("r.mff/")), kMfrEGI);
+    const ecRecordingInfo& who = f.GetRecordingInfo();
+    EXPECT_EQ(who.subjectId + " " + who.subjectName + " " + who.subjectSex + " " + who.subjectBirthDate, "p7 Ann F 1990-02-03");
     EXPECT_EQ(f.GetNumSlices(), 4);  // ends with the PNS
     EXPECT_EQ(f.GetRunType(), 4u);
     EXPECT_EQ(f.GetReferenceChannel(), 2);
@@ -82,6 +88,7 @@ TEST(Mff, PausedRealRecordingEvents)
     SHARED_DATA_OR_SKIP(data, "mff/test_egi_multiepoch_paused.mff");
     CFilelib f;
     ASSERT_EQ(OpenRecording(f, data + "signal1.bin"), kMfrEGI);
+    EXPECT_EQ(f.GetRecordingInfo().subjectId, "epoch_pause");
     ecEventList events;
     ASSERT_EQ(f.InitialEventList(&events, nullptr), 26);
     EXPECT_EQ(EventsText(events, 1, 4), "New Segment@326 New Segment@2048 SESS:assr-am@220#1/2 CELL:TARG@222#2/2");

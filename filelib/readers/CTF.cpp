@@ -16,6 +16,8 @@ constexpr long long kMagicBytes = 8;
 constexpr size_t kRunDescription = 1844;  // where the run description starts in the .res4
 constexpr size_t kChannelRecord = 1328;   // sensor type, gains and 2 x 8 coil records
 constexpr size_t kNameBytes = 32;
+constexpr size_t kRunTitle = 1392;  // 256 bytes, after the 32-byte run name
+constexpr size_t kSubjectId = 1712;
 constexpr long long kMaxRes4Bytes = 1LL << 28;
 constexpr long long kMaxSideFileBytes = 1LL << 24;
 constexpr int kSystemClock = 17;
@@ -51,6 +53,32 @@ bool HasMagic(FILE* fp)
     char magic[kMagicBytes];
     return ReadAt(fp, 0, magic, sizeof magic) == sizeof magic &&
            (std::memcmp(magic, "MEG41CP", 7) == 0 || std::memcmp(magic, "MEG42CP", 7) == 0);
+}
+
+// The run's title, or its free-text description when it has no title.
+std::string RunDescription(const ByteCursor& h, int descriptionBytes)
+{
+    const std::string title = TrimBlanks(h.str(kRunTitle, 256));
+    if (!title.empty() || descriptionBytes <= 0)
+        return title;
+    return TrimBlanks(h.str(kRunDescription, static_cast<size_t>(descriptionBytes)));
+}
+
+// The filter records that follow the run description (frequency, class, type, parameters), as one
+// text for every channel: the acquisition filters apply to the whole run. Types 1, 2 and 3 are
+// low-pass, high-pass and notch; other kinds have no single cut-off to show.
+std::string ReadFilters(ByteCursor& h)
+{
+    double cutOff[4] = {};
+    for (int filters = h.next_i16be(); filters > 0; --filters) {
+        const double hertz = h.next_f64be();
+        h.skip(4);  // class
+        const int type = h.next_i32be();
+        if (type >= 1 && type <= 3)
+            cutOff[type] = hertz;
+        h.skip(8 * static_cast<size_t>(std::max<int16_t>(0, h.next_i16be())));
+    }
+    return FilterText(cutOff[2], cutOff[1], cutOff[3]);
 }
 
 struct ChannelKind {
@@ -115,22 +143,22 @@ CTF::Res4 CTF::ReadRes4()
     if (!read)
         Fail("Cannot read " + path);
     Res4 r;
+    m_recordingInfo = {};
     ByteCursor h(bytes.data(), bytes.size());
     int descriptionBytes = 0;
     size_t records = 0;
+    std::string filter;
     try {
         r.trialSamples = h.i32be(1288);
         r.channels = h.i16be(1292);
         r.rate = h.f64be(1296);
         r.preTrigger = h.i32be(1316);
         SetRunDate(h.str(778, 255), h.str(1033, 255));
+        m_recordingInfo.subjectId = TrimBlanks(h.str(kSubjectId, kNameBytes));
         descriptionBytes = h.i32be(1836);
-        h.seek(kRunDescription);
-        h.skip(static_cast<size_t>(std::max(0, descriptionBytes)));
-        for (int filters = h.next_i16be(); filters > 0; --filters) {
-            h.skip(16);  // frequency, class, type
-            h.skip(8 * static_cast<size_t>(std::max<int16_t>(0, h.next_i16be())));
-        }
+        m_recordingInfo.description = RunDescription(h, descriptionBytes);
+        h.seek(kRunDescription + static_cast<size_t>(std::max(0, descriptionBytes)));
+        filter = ReadFilters(h);
         for (int c = 0; c < r.channels; ++c)
             r.names.push_back(TrimBlanks(h.next_str(kNameBytes)));
         records = h.tell();
@@ -143,6 +171,8 @@ CTF::Res4 CTF::ReadRes4()
         Fail("The header " + path + " declares " + std::to_string(r.trialSamples) + " samples per trial, " +
              std::to_string(r.channels) + " channels, a rate of " + std::to_string(r.rate) +
              " Hz and a run description of " + std::to_string(descriptionBytes) + " bytes.");
+    if (!filter.empty())
+        m_recordingInfo.channelFilters.assign(r.names.size(), filter);
     for (size_t c = 0; c < r.names.size(); ++c) {
         const size_t at = records + c * kChannelRecord;
         r.sensorTypes.push_back(h.i16be(at));

@@ -9,6 +9,9 @@
 //   channel names and per channel its sensor type and gains. Values are stored / (proper gain x
 //   q gain), in tesla for MEG and in volts for EEG and ADC channels (the I/O gain is not applied,
 //   as both peers read the data).
+// - Recording information from the ".res4": the run's date and time, the subject id, the run
+//   title (else the run description) as description, and the run's low-pass / high-pass / notch
+//   filter records as every channel's filter text.
 // - Channel types: MEG sensors 0x200 ("T"), MEG reference sensors 0x200 | 0x1000 ("T"), EEG
 //   0x400 ("V"; the EEG reference 0x400 | 0x1000), stimulus channels (UPPT*, UDIO*, STIM) 0x8000
 //   with their integer codes, ADC channels 0 in "V", all others 0 without a unit (head

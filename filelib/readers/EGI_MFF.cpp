@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <map>
 
@@ -111,6 +112,7 @@ void CEGI::Initialize(int)
     SetFileMFR(kMfrEGI);
 
     ReadInfo();
+    ReadSubject();
     std::string eegInfo;
     int eegFile = 0, pnsFile = 0;
     FindSignals(eegInfo, eegFile, pnsFile);
@@ -154,6 +156,7 @@ void CEGI::ReadInfo()
 {
     ecXml info;
     LoadXml(info, Path("info.xml"));
+    m_recordingInfo = {};
     m_recordTime = TrimBlanks(info.GetString("recordTime"));
     if (!ParseTime(m_recordTime, m_startUs))
         Fail("info.xml gives no readable recordTime (\"" + m_recordTime + "\").");
@@ -162,6 +165,32 @@ void CEGI::ReadInfo()
     m_recordingInfo.time = m_recordTime.substr(11, m_recordTime.find_first_of("Z+-", 19) - 11);
     long long version = 0;
     m_mffVersion = Integer(info, "mffVersion", version) && version >= 0 && version < 1000 ? static_cast<int>(version) : 0;
+}
+
+// subject.xml is a list of named fields the acquisition's subject form defines; the ones that
+// say who the subject is are taken by the names the form gives them.
+void CEGI::ReadSubject()
+{
+    ecXml subject;
+    if (!LoadXml(subject, Path("subject.xml")))
+        return;
+    ecRecordingInfo& r = m_recordingInfo;
+    std::string given, family;
+    for (const ecXml& field : subject.Sub("fields").Children("field")) {
+        const std::string name = TrimBlanks(field.GetString("name")), data = TrimBlanks(field.GetString("data"));
+        int year = 0, month = 0, day = 0;
+        if (name == "Patient ID")
+            r.subjectId = data;
+        else if (name == "First (Given) Name")
+            given = data;
+        else if (name == "Last (Family) Name")
+            family = data;
+        else if (name == "Gender")
+            r.subjectSex = data == "Male" ? "M" : data == "Female" ? "F" : "";
+        else if (name == "Date of Birth" && std::sscanf(data.c_str(), "%4d-%2d-%2d", &year, &month, &day) == 3)
+            r.subjectBirthDate = IsoDate(year, std::to_string(month), day);
+    }
+    r.subjectName = given + (given.empty() || family.empty() ? "" : " ") + family;
 }
 
 // signalN.bin goes with infoN.xml, which says whether it holds EEG or PNS data.

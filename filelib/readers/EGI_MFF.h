@@ -14,6 +14,10 @@
 // volts; EEG channels are multiplied by their GCAL gain from the EEG's infoN.xml when it has one.
 // A PNS sensor whose unit is not "uV" is delivered as stored, in its own unit.
 //
+// Recording information: the start date and time of info.xml, and from subject.xml the fields
+// "Patient ID", "First (Given) Name" and "Last (Family) Name", "Gender" (Male / Female) and
+// "Date of Birth" (its leading YYYY-MM-DD).
+//
 // Time: epochs.xml lists the stored epochs (begin/end in microseconds after the start, first and
 // last block). Without categories.xml the recording is continuous: the stored samples of every
 // epoch follow each other (the pauses between epochs are removed, not padded), and when there is
@@ -79,6 +83,7 @@ private:
     bool FindFolder();
     std::string Path(const std::string& leaf) const { return m_folder + "/" + leaf; }
     void ReadInfo();
+    void ReadSubject();
     void FindSignals(std::string& eegInfo, int& eegFile, int& pnsFile);
     Stream ReadBlocks(FILE* fp, const std::string& file);
     void MatchPnsBlocks();

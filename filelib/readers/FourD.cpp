@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <map>
+#include <tuple>
 #include <sys/stat.h>
 
 #include "companion/ByteCursor.h"
@@ -16,6 +17,8 @@ constexpr long long kHeaderBytes = 96;
 constexpr long long kEpochBytes = 56;
 constexpr long long kVarEventBytes = 72;
 constexpr long long kPdfChannelBytes = 104;
+constexpr long long kProcessBytes = 360;
+constexpr long long kStepBytes = 36;  // a step's type and its first two values
 constexpr long long kConfigHeaderBytes = 112;
 constexpr long long kTransformBytes = 128;
 constexpr long long kUserBlockHeaderBytes = 100;
@@ -50,6 +53,19 @@ long long DeviceBytes(int type, int loops)
     case 8: return 72;                                                         // shorted
     default: return -1;
     }
+}
+
+// A processing step's bytes by its type: defaults, single cut-off filters and band filters have
+// fixed records; any other step says how many bytes of its own follow.
+long long StepBytes(const std::string& type, int32_t ownBytes)
+{
+    if (type == "BTi_defaults")
+        return 84;
+    if (type == "b_filt_hp" || type == "b_filt_lp" || type == "b_filt_notch")
+        return 64;
+    if (type == "b_filt_b_pass" || type == "b_filt_b_reject")
+        return 36;
+    return 64 + std::max(0, ownBytes);
 }
 
 bool IsFile(const std::string& path)
@@ -183,6 +199,40 @@ void FourD::ReadPdfHeader(FILE* fp, long long header, long long fileSize)
         taken[static_cast<size_t>(ch.column)] = true;
         m_channels.push_back(ch);
     }
+    at += std::max(0, h.i32be(20)) * kVarEventBytes;  // the event records
+    ReadProcesses(h, at, h.i32be(48));
+}
+
+// The processing history after the channel and event records. Its first entry is the file's
+// creation, stamped in seconds since 1970 (UTC): the recording's start. Hardware-filter steps give
+// the cut-offs every channel was recorded with. No sample depends on the history, so one that runs
+// past the header does not refuse the recording: it states no filter (a later step may be lost).
+void FourD::ReadProcesses(const ByteCursor& h, long long at, long long processes)
+{
+    m_recordingInfo = {};
+    const auto fits = [&](long long bytes) { return at + bytes <= static_cast<long long>(h.size()); };
+    double cutOff[3] = {};  // high pass, low pass, notch
+    bool whole = true;
+    for (long long p = 0; p < processes && (whole = fits(kProcessBytes)); ++p) {
+        const int32_t stamp = h.i32be(static_cast<size_t>(at) + 60);
+        if (p == 0 && stamp > 0)
+            std::tie(m_recordingInfo.date, m_recordingInfo.time) = UtcDateAndTime(stamp);
+        const long long steps = h.i32be(static_cast<size_t>(at) + 320);
+        at += kProcessBytes;
+        for (long long s = 0; s < steps && (whole = fits(kStepBytes)); ++s) {
+            const size_t r = static_cast<size_t>(at);
+            const std::string type = h.str(r + 4, 20);
+            const float first = h.f32be(r + 28);
+            if (type == "b_filt_hp" || type == "b_filt_lp" || type == "b_filt_notch")
+                cutOff[type == "b_filt_hp" ? 0 : type == "b_filt_lp" ? 1 : 2] = first;
+            if (type == "b_filt_b_pass")
+                std::tie(cutOff[0], cutOff[1]) = std::make_pair(first, h.f32be(r + 32));
+            at = Align8(at + StepBytes(type, h.i32be(r + 28)));
+        }
+    }
+    const std::string filter = FilterText(cutOff[0], cutOff[1], cutOff[2]);
+    if (whole && !filter.empty())
+        m_recordingInfo.channelFilters.assign(m_channels.size(), filter);
 }
 
 std::string FourD::FindConfig()

@@ -27,6 +27,9 @@
 // epoch, or epochs of different lengths, read as one continuous run (run type 4; a boundary
 // event marks the start of each epoch after the first); several epochs of one length are
 // epochs (run type 2, no pre-stimulus time: the pdf does not store one per epoch).
+// Recording information: the date and time the pdf's first processing entry (its creation) is
+// stamped with, in UTC, and the cut-offs of its hardware-filter steps (high pass, low pass, notch,
+// band pass) as every channel's filter text. The pdf and configuration hold no subject fields.
 // Events: every change of a trigger channel's word to another non-zero word (slice 0 never
 // fires), named and coded by the word.
 #pragma once
@@ -35,6 +38,8 @@
 #include <vector>
 
 #include "filelib/ecFilebase.h"
+
+class ByteCursor;
 
 class FourD : public ecFilebase {
 public:
@@ -67,6 +72,7 @@ private:
     void Require(size_t have, long long end, const std::string& file);
     long long Claim(FILE* fp, long long fileSize);
     void ReadPdfHeader(FILE* fp, long long header, long long fileSize);
+    void ReadProcesses(const ByteCursor& h, long long at, long long processes);
     std::string FindConfig();
     std::vector<ConfigChannel> ReadConfig();
     void DescribeChannels(const std::vector<ConfigChannel>& config);

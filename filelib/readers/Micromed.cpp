@@ -33,21 +33,6 @@ std::string Date(int year, int month, int day)
     return std::to_string(year) + "-" + TwoDigits(month) + "-" + TwoDigits(day);
 }
 
-std::string Hertz(double value)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%gHz", value);
-    return text;
-}
-
-// The prefilter as stored: high pass in mHz, low pass in Hz, 0 for none.
-std::string FilterText(int highPassMilliHertz, int lowPassHertz)
-{
-    const std::string high = highPassMilliHertz > 0 ? "HP:" + Hertz(highPassMilliHertz / 1000.0) : "";
-    const std::string low = lowPassHertz > 0 ? "LP:" + Hertz(lowPassHertz) : "";
-    return high + (high.empty() || low.empty() ? "" : " ") + low;
-}
-
 }  // namespace
 
 MicroMed::MicroMed(const char* fileName) { SetInputFileName(fileName ? fileName : ""); }
@@ -161,7 +146,8 @@ double MicroMed::DescribeElectrodes(const std::vector<uint8_t>& order, const std
         const double gain = span / static_cast<double>(lmax - lmin + 1) * (unit->volts > 0 ? unit->volts : 1);
         m_gains.push_back(gain);
         m_shifts.push_back(-static_cast<double>(ground));
-        m_recordingInfo.channelFilters.push_back(FilterText(table.u16le(e + l.highPass), table.u16le(e + l.lowPass)));
+        // The high pass is stored in mHz, the low pass in Hz; 0 is none.
+        m_recordingInfo.channelFilters.push_back(FilterText(table.u16le(e + l.highPass) / 1000.0, table.u16le(e + l.lowPass)));
         DescribeChannel(c, label, unit->volts > 0 ? kChanEEG : 0, unit->text, static_cast<float>(gain),
                         static_cast<float>(-ground * gain));
     }

@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <sstream>
 #include <tuple>
 #include <numeric>
@@ -579,19 +578,6 @@ void ecNeuromag_FIFF::Initialize(int)
 }
 
 namespace {
-// "YYYY-MM-DD" and "hh:mm:ss" of a time in seconds since 1970 (UTC).
-std::pair<std::string, std::string> DateAndTime(long long seconds)
-{
-    const std::time_t t = static_cast<std::time_t>(seconds);
-    std::tm tm{};
-    char date[32] = "", time[32] = "";
-    if (gmtime_r(&t, &tm)) {
-        std::strftime(date, sizeof date, "%Y-%m-%d", &tm);
-        std::strftime(time, sizeof time, "%H:%M:%S", &tm);
-    }
-    return {date, time};
-}
-
 std::string Hertz(float value)
 {
     char text[32];
@@ -609,7 +595,7 @@ void ecNeuromag_FIFF::ReadRecordingInfo()
     if (const FIFF_TagRec* date = FirstChild(info, "MEAS_DATE"); date && date->size >= 8) {
         const std::vector<uint8_t> b = ReadBytes(date->dataPos, 8);
         if (b.size() == 8) {
-            std::tie(r.date, r.time) = DateAndTime(static_cast<int32_t>(LoadU32BE(b.data())));
+            std::tie(r.date, r.time) = UtcDateAndTime(static_cast<int32_t>(LoadU32BE(b.data())));
             char micro[16];
             std::snprintf(micro, sizeof micro, ".%06d", static_cast<int>(LoadU32BE(b.data() + 4) % 1000000));
             r.time += micro;
@@ -646,7 +632,7 @@ void ecNeuromag_FIFF::ReadSubjectAndBads()
             const unsigned long sex = ReadUnsignedLong(tag);
             r.subjectSex = sex == 1 ? "M" : sex == 2 ? "F" : "";
         } else if (tag.name == "SUBJ_BIRTH_DAY" && tag.size >= 4)  // a Julian day number
-            r.subjectBirthDate = DateAndTime((static_cast<int32_t>(ReadUnsignedLong(tag)) - 2440588LL) * 86400).first;
+            r.subjectBirthDate = UtcDateAndTime((static_cast<int32_t>(ReadUnsignedLong(tag)) - 2440588LL) * 86400).first;
         else if (tag.kind == kTagChannelNameList && parent >= 0 && m_nodes[static_cast<size_t>(parent)].blockKind == kBlockBads)
             MarkBad(TagText(tag));
     }

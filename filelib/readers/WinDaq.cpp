@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <tuple>
 
 #include "companion/ByteCursor.h"
 #include "companion/Units.h"
@@ -46,6 +47,10 @@ void ecDataq::Initialize(int)
     const long long dataBytes = f.u32le(8), trailerBytes = f.u32le(12), annotationBytes = f.u16le(16);
     const double interval = f.f64le(28);
     const int flags = f.u16le(100);
+    // Element 13: when acquisition opened the file, in seconds since 1970 (UTC).
+    m_recordingInfo = {};
+    if (const uint32_t opened = f.u32le(36); opened > 0)
+        std::tie(m_recordingInfo.date, m_recordingInfo.time) = UtcDateAndTime(opened);
     if (m_channels < 1)
         Fail("The header declares no channel.");
     if (infoBytes < kInfoBytes || infoAt < 110 || infoAt + static_cast<long long>(m_channels) * infoBytes > headBytes - 2)

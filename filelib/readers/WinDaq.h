@@ -3,7 +3,8 @@
 // a caller reaches it by choosing the file source.
 //
 // Layout: a header of 35 elements (channel count in element 1, the slice interval as a double
-// at byte 28, flags in element 27: bit 1 HiRes, bit 14 packed), one 36-byte info entry per
+// at byte 28, the time acquisition opened the file in element 13 (seconds since 1970, UTC: the
+// recording's start), flags in element 27: bit 1 HiRes, bit 14 packed), one 36-byte info entry per
 // channel (calibration slope and intercept as doubles, a 4-character unit tag), interleaved
 // int16 samples, then a trailer of event markers and the user annotations (channel names,
 // then event-marker comments, NUL-separated).
